@@ -1,0 +1,42 @@
+// Trace convention shared by every module of the library.
+//
+// A trace line goes to the platform trace service as
+//     vornprintf(level, 15, "%s:%s:%u:" <text> "\n", <module file>, <function>, <line>, ...)
+// where <module file> is the name log readers on the controller have always
+// seen for the module ("rtvox.c", "rt_cache.c", ...). Each module defines
+// RT_MODULE_FILE before it includes this header.
+//
+// Some lines are also copied to the diagnostic log file; RT_TRACE_LOG does
+// both: the trace call first, then the file copy with the same text but
+// without the "%s:%s:%u:" head.
+#pragma once
+
+#include <cstdint>
+
+#include "rtvox/platform.h"
+
+#ifndef RT_MODULE_FILE
+#error "define RT_MODULE_FILE (the module's file name as log readers know it) before including trace.h"
+#endif
+
+// The library's fixed trace category at the platform log service.
+inline constexpr int32_t RT_TRACE_CATEGORY = 15;
+
+namespace rtvox::detail {
+// Appends one time-stamped line to the diagnostic log file when copies are on.
+void log_copy(const char *function, const char *format, ...) RTVOX_PRINTF_LIKE(2, 3);
+}  // namespace rtvox::detail
+
+#define RT_TRACE(level, fmt, ...)                                                          \
+    vornprintf((level), RT_TRACE_CATEGORY, "%s:%s:%u:" fmt "\n", RT_MODULE_FILE, __func__, \
+               static_cast<unsigned>(__LINE__) __VA_OPT__(, ) __VA_ARGS__)
+
+#define RT_TRACE_LOG(level, fmt, ...)                                        \
+    do {                                                                     \
+        RT_TRACE(level, fmt __VA_OPT__(, ) __VA_ARGS__);                     \
+        ::rtvox::detail::log_copy(__func__, fmt __VA_OPT__(, ) __VA_ARGS__); \
+    } while (0)
+
+// Entry and exit lines in the "%s %s %d" form, traced and copied to the file.
+#define RT_TRACE_ENTRY(level) RT_TRACE_LOG(level, "%s %s %d", "--> entry ", __func__, __LINE__)
+#define RT_TRACE_EXIT(level) RT_TRACE_LOG(level, "%s %s %d", "<-- exit ", __func__, __LINE__)

@@ -1,0 +1,48 @@
+// The rtvoxctl demonstration: plays the monitoring service's start, work and
+// stop against the host platform emulation and prints what happened.
+//
+// Each area of the library contributes one step (demo_<area>.cpp). A step
+// calls the library, then tells the reader what it did with section()/say()
+// and shows the trace lines the library emitted meanwhile with traces().
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace rtvoxctl {
+
+class Demo {
+public:
+    Demo(std::string dir, int level) : dir_(std::move(dir)), level_(level) {}
+
+    // The directory every fixed path of the library lands in (RTVOX_ROOT).
+    const std::string &dir() const { return dir_; }
+    // The real location of one of the library's absolute paths.
+    std::string path(const std::string &absolute) const { return dir_ + absolute; }
+    int level() const { return level_; }
+
+    // A heading for the next part of the account.
+    void section(const std::string &title);
+    // One line of the account (printf-style).
+    void say(const char *format, ...) __attribute__((format(printf, 2, 3)));
+    // Prints the trace lines captured since the last call, up to the chosen
+    // level, then starts a fresh capture.
+    void traces();
+    // Prints a file of the demo directory (by its absolute library path).
+    void show_file(const std::string &absolute, const std::string &title);
+    // Creates a marker or input file of the demo directory.
+    void touch(const std::string &absolute, const std::string &content = {}) const;
+
+private:
+    std::string dir_;
+    int level_;
+};
+
+// The steps, in the order the demonstration plays them.
+void demo_start(Demo &demo);
+void demo_runtime(Demo &demo);
+void demo_sync(Demo &demo);
+void demo_cache(Demo &demo);
+void demo_stop(Demo &demo);
+
+}  // namespace rtvoxctl
