@@ -1,0 +1,202 @@
+// Internals shared by the parts of libvornhost.
+//
+// Nothing in vornhost may call calloc (see vornhost.h): storage comes from
+// operator new (std containers, std::make_shared) and, for results handed to
+// callers that free them, malloc.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+#include <utility>
+
+#include "rtvox/platform.h"
+#include "vornhost/vornhost.h"
+
+namespace vornhost::detail {
+
+// Counts one call of `fn` and answers true when an armed fault makes it fail.
+bool fault_hit(VornHostFunction fn);
+
+// Start-state resets of each part, called by vornhost_reset.
+void faults_reset();
+void trace_reset();
+void shm_reset();
+void bp_reset();
+void eventlog_reset();
+void ipmi_reset();
+
+// The value of an environment variable, empty when unset.
+std::string env(const char *name);
+
+// Appends `data` to `path` in one write (O_APPEND|O_CREAT, 0644). false when
+// the file cannot be opened or written.
+bool append_to_file(const std::string &path, const std::string &data);
+
+// A scripted status: the next `count` uses answer `status` (count 0: every
+// use). Not locked: the owner guards it.
+template <typename Status>
+class Script {
+public:
+    void set(Status status, uint32_t count)
+    {
+        status_ = status;
+        remaining_ = count;
+        armed_ = !(status == 0 && count == 0);
+    }
+    void clear() { set(0, 0); }
+    // The status for this use (0 when nothing is scripted), using it up.
+    Status take()
+    {
+        if (!armed_) {
+            return 0;
+        }
+        const Status s = status_;
+        if (remaining_ > 0 && --remaining_ == 0) {
+            armed_ = false;
+        }
+        return s;
+    }
+
+private:
+    Status status_ = 0;
+    uint32_t remaining_ = 0;
+    bool armed_ = false;
+};
+
+// A table of objects behind 32-bit handles. A handle is `kind << 28` plus a
+// 28-bit counter value 1..0x0FFFFFFF; values are not reused until the counter
+// wraps, and then only those not in use. Thread-safe.
+//
+// Lookups hand out a Ref that keeps the object alive after its handle was
+// removed (a thread blocked on an object while another destroys it). The
+// reference count is a plain integer guarded by the table's mutex rather
+// than a shared_ptr: helgrind does not see atomic reference counts as
+// synchronisation and reports the last release of a shared_ptr on another
+// thread as a race.
+template <typename T>
+class HandleTable {
+    struct Entry {
+        std::unique_ptr<T> object;
+        uint32_t refs = 0;
+        bool removed = false;
+    };
+
+public:
+    class Ref {
+    public:
+        Ref() = default;
+        Ref(HandleTable *table, Entry *entry) : table_(table), entry_(entry) {}
+        Ref(Ref &&other) noexcept : table_(other.table_), entry_(std::exchange(other.entry_, nullptr)) {}
+        Ref(const Ref &) = delete;
+        Ref &operator=(const Ref &) = delete;
+        Ref &operator=(Ref &&) = delete;
+        ~Ref()
+        {
+            if (entry_ != nullptr) {
+                table_->release(entry_);
+            }
+        }
+        explicit operator bool() const { return entry_ != nullptr; }
+        T *operator->() const { return entry_->object.get(); }
+        T &operator*() const { return *entry_->object; }
+
+    private:
+        HandleTable *table_ = nullptr;
+        Entry *entry_ = nullptr;
+    };
+
+    explicit HandleTable(uint32_t kind) : kind_bits_(kind << 28) {}
+    HandleTable(const HandleTable &) = delete;
+    HandleTable &operator=(const HandleTable &) = delete;
+
+    // The new handle, 0 when the table is full. May throw std::bad_alloc.
+    uint32_t add(std::unique_ptr<T> object)
+    {
+        auto entry = std::make_unique<Entry>();
+        entry->object = std::move(object);
+        std::lock_guard guard(lock_);
+        for (uint32_t tries = 0; tries < kCounterMask; ++tries) {
+            next_ = next_ >= kCounterMask ? 1 : next_ + 1;
+            const uint32_t handle = kind_bits_ | next_;
+            if (items_.find(handle) == items_.end()) {
+                items_.emplace(handle, entry.get());
+                static_cast<void>(entry.release());  // now owned by items_
+                return handle;
+            }
+        }
+        return 0;
+    }
+
+    // A reference to the object of a live handle, empty when there is none.
+    Ref find(uint32_t handle)
+    {
+        std::lock_guard guard(lock_);
+        const auto it = items_.find(handle);
+        if (it == items_.end()) {
+            return Ref();
+        }
+        ++it->second->refs;
+        return Ref(this, it->second);
+    }
+
+    // Removes a handle; the returned reference (empty when the handle was not
+    // live) keeps the object until it and every other reference are gone.
+    Ref remove(uint32_t handle)
+    {
+        std::lock_guard guard(lock_);
+        const auto it = items_.find(handle);
+        if (it == items_.end()) {
+            return Ref();
+        }
+        Entry *entry = it->second;
+        items_.erase(it);
+        entry->removed = true;
+        ++entry->refs;
+        return Ref(this, entry);
+    }
+
+    uint32_t size() const
+    {
+        std::lock_guard guard(lock_);
+        return static_cast<uint32_t>(items_.size());
+    }
+
+    // Calls f(handle, object) for each live entry under the table's lock.
+    template <typename F>
+    void for_each(F &&f) const
+    {
+        std::lock_guard guard(lock_);
+        for (const auto &[handle, entry] : items_) {
+            f(handle, static_cast<const T &>(*entry->object));
+        }
+    }
+
+private:
+    void release(Entry *entry)
+    {
+        bool last = false;
+        {
+            std::lock_guard guard(lock_);
+            last = --entry->refs == 0 && entry->removed;
+        }
+        if (last) {
+            delete entry;
+        }
+    }
+
+    static constexpr uint32_t kCounterMask = 0x0FFFFFFFu;
+    mutable std::mutex lock_;
+    std::unordered_map<uint32_t, Entry *> items_;  // owned; removed entries are owned by their last Ref
+    uint32_t kind_bits_;
+    uint32_t next_ = 0;
+};
+
+// Handle kinds (the high nibble).
+inline constexpr uint32_t kSyncHandleKind = 1;
+inline constexpr uint32_t kBpHandleKind = 2;
+inline constexpr uint32_t kTlvHandleKind = 3;
+
+}  // namespace vornhost::detail
