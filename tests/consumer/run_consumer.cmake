@@ -25,7 +25,9 @@ if(NOT sonames)
 endif()
 
 run(${CMAKE_COMMAND} -S ${SOURCE_DIR} -B ${WORK_DIR}/build -G ${GENERATOR}
-    -DCMAKE_TOOLCHAIN_FILE=${TOOLCHAIN} -DCMAKE_PREFIX_PATH=${WORK_DIR}/prefix -DCONSUMER_SANITIZE=${SANITIZE})
+    -DCMAKE_TOOLCHAIN_FILE=${TOOLCHAIN} -DCMAKE_PREFIX_PATH=${WORK_DIR}/prefix
+    # A cross toolchain confines package searches to its sysroot: name the package directly.
+    -Drtvox_DIR=${WORK_DIR}/prefix/lib/cmake/rtvox -DCONSUMER_SANITIZE=${SANITIZE})
 run(${CMAKE_COMMAND} --build ${WORK_DIR}/build)
 include(${WORK_DIR}/build/emulator.cmake OPTIONAL)
 run(${CMAKE_CROSSCOMPILING_EMULATOR_LIST} ${WORK_DIR}/build/consumer ${WORK_DIR}/root)
