@@ -1,0 +1,204 @@
+// Shared pieces of the cache tests: a cache set up on a private root, EID
+// registration, and cached copies of records made by the copy functions
+// (so that the release walks free exactly what a poll pass would store).
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "rtvox/rt_cache.h"
+#include "rtvox/rt_dup.h"
+#include "testsupport.h"
+#include "vornhost/vornhost.h"
+
+namespace rtvox::test::cache {
+
+// Registers `eid` in registry slot `slot` with an EID type, under the lock.
+inline void add_eid(uint8_t slot, uint8_t eid, uint8_t type = RTCACHE_EIDTYPE_TAVO)
+{
+    ASSERT_EQ(rtcache_GetLock(), 0u);
+    const uint32_t rc = rtcache_SetCachedObject(RTCACHE_KEY_STORAGEEID, eid, slot, &eid);
+    SMMutexUnLock(mutexRtCache);
+    ASSERT_EQ(rc, 0u);
+    ASSERT_EQ(rtcache_SetStorageEIDType(eid, type), 0u);
+}
+
+inline uint32_t store(RtCacheKeyType keyType, uint32_t eid, uint32_t key, void *object)
+{
+    EXPECT_EQ(rtcache_GetLock(), 0u);
+    const uint32_t rc = rtcache_SetCachedObject(keyType, eid, key, object);
+    SMMutexUnLock(mutexRtCache);
+    return rc;
+}
+
+inline uint32_t fetch(RtCacheKeyType keyType, uint32_t eid, uint32_t key, void **object)
+{
+    EXPECT_EQ(rtcache_GetLock(), 0u);
+    const uint32_t rc = rtcache_GetCachedObject(keyType, eid, key, object);
+    SMMutexUnLock(mutexRtCache);
+    return rc;
+}
+
+// ---- cached copies, as a poll pass makes them ------------------------------------
+
+// A physical disk with name, FQDD (own copy unless version is 0), key id and a
+// two-entry list.
+inline RtPhysicalDisk *cached_pd(uint32_t id, const std::wstring &name = L"Physical Disk 0:1:0", uint32_t version = 1)
+{
+    std::wstring nameText = name;
+    std::wstring fqdd = L"Disk.Bay." + std::to_wstring(id) + L":Enclosure.Internal.0-1:RAID.Slot.1-1";
+    uint32_t list[2] = {id, id + 1};
+    char keyId[RTRAID_KEYID_SIZE] = {};
+    std::snprintf(keyId, sizeof keyId, "KEY-%u", id);
+    RtPhysicalDisk source{};
+    source.objType = RTRAID_OBJTYPE_PHYSICALDISK;
+    source.NAME = nameText.data();
+    source.hdr.VERSION = version;
+    source.hdr.FQDD = fqdd.data();
+    source.id = id;
+    source.listCount = 2;
+    source.listEntries = list;
+    source.keyId = keyId;
+    auto *copy = static_cast<RtPhysicalDisk *>(rtvox_alloc(RTRAID_RECORD_SIZE));
+    EXPECT_EQ(rtraid_dupPD(&source, copy), 0);
+    return copy;
+}
+
+inline RtVirtualDisk *cached_vd(uint32_t id)
+{
+    std::wstring name = L"Virtual Disk " + std::to_wstring(id);
+    std::wstring fqdd = L"Disk.Virtual." + std::to_wstring(id) + L":RAID.Slot.1-1";
+    int32_t targets[2] = {0, 1};
+    RtVirtualDisk source{};
+    source.objType = RTRAID_OBJTYPE_LOGICALDISK;
+    source.NAME = name.data();
+    source.hdr.VERSION = 1;
+    source.hdr.FQDD = fqdd.data();
+    source.targetCount = 2;
+    source.targetIDs = targets;
+    auto *copy = static_cast<RtVirtualDisk *>(rtvox_alloc(RTRAID_RECORD_SIZE));
+    rtraid_DupVD(&source, copy);
+    return copy;
+}
+
+// An adapter with all three texts, eight slot texts and three entries.
+inline RtAdapter *cached_adapter(const std::wstring &fqdd = L"RAID.Slot.1-1")
+{
+    std::wstring name = L"RAID Controller in Slot 1";
+    std::wstring fqddText = fqdd;
+    std::wstring extra = L"extra";
+    std::wstring slotText = L"slot";
+    uint8_t entries[3 * 60] = {};
+    RtAdapter source{};
+    source.objType = RTRAID_OBJTYPE_ADAPTER;
+    source.NAME = name.data();
+    source.hdr.VERSION = 1;
+    source.hdr.FQDD = fqddText.data();
+    source.EXTRA = extra.data();
+    source.entryMask = 0x7;
+    source.entryArray = reinterpret_cast<RtAdapterEntry *>(entries);
+    for (RtAdapterTextSlot &slot : source.textSlots) {
+        slot.pText = slotText.data();
+    }
+    return DupAdapter(&source);
+}
+
+// A head-only record (battery, driver, temperature probe) with NAME and FQDD.
+inline RtRecord head_source(std::wstring &name, std::wstring &fqdd, uint32_t objType = 9)
+{
+    RtRecord source{};
+    source.objType = objType;
+    source.NAME = name.data();
+    source.hdr.VERSION = 1;
+    source.hdr.FQDD = fqdd.data();
+    return source;
+}
+
+inline RtBattery *cached_battery()
+{
+    std::wstring name = L"Battery";
+    std::wstring fqdd = L"Battery.Integrated.1:RAID.Slot.1-1";
+    const RtRecord source = head_source(name, fqdd);
+    return rtraid_DupBattery(&source);
+}
+
+// A controller node with every member the release walks know about.
+inline RtCacheCtrlNode *cached_node(uint32_t nodeType = RTCACHE_NODE_CONTROLLER)
+{
+    auto *node = static_cast<RtCacheCtrlNode *>(rtvox_alloc(RTCACHE_CTRL_NODE_SIZE));
+    node->u32NodeType = nodeType;
+    node->pAdapter = cached_adapter();
+    node->pBattery = cached_battery();
+    std::wstring name = L"Driver";
+    std::wstring fqdd = L"Driver.1";
+    const RtRecord driver = head_source(name, fqdd);
+    node->pDriver = rtraid_DupDriver(&driver);
+    RtAdapterKey key{};
+    node->pAdapterKey = rtraid_DupAdapterKey(&key);
+    std::wstring probeName = L"Controller temperature";
+    std::wstring probeFqdd = L"Temperature.1";
+    const RtRecord probe = head_source(probeName, probeFqdd);
+    node->pTempProbe = static_cast<RtTempProbe *>(rtvox_alloc(RTRAID_RECORD_SIZE));
+    rtraid_dupTEMPPROBE(&probe, node->pTempProbe);
+    node->pPciInfo = rtvox_alloc(16);
+    node->pServiceData = rtvox_alloc(32);
+    return node;
+}
+
+// ---- event records, as the service builds them ------------------------------------------
+
+// A record of 32 bytes (the cache's three fields and the submission's own)
+// with its message id and second buffer: three live blocks.
+inline RtCacheEventRecord *event_record(const char *messageId)
+{
+    auto *record = static_cast<RtCacheEventRecord *>(rtvox_alloc(32));
+    const size_t length = std::strlen(messageId) + 1;
+    record->messageId = static_cast<char *>(rtvox_alloc(static_cast<uint32_t>(length)));
+    std::memcpy(record->messageId, messageId, length);
+    record->pData = rtvox_alloc(16);
+    return record;
+}
+
+// Releases a record as its owner does: message id, second buffer, record.
+inline void release_event_record(void *event_data)
+{
+    auto *record = static_cast<RtCacheEventRecord *>(event_data);
+    rtvox_free(record->messageId);
+    rtvox_free(record->pData);
+    rtvox_free(record);
+}
+
+// Records one event under the lock, as an event thread does.
+inline uint32_t record_event(uint32_t eid, uint32_t objType, uint32_t eventType, uint32_t key, void *record = nullptr)
+{
+    EXPECT_EQ(rtcache_GetLock(), 0u);
+    const uint32_t rc = rtcache_SetCachedEvent_roll_up(eid, objType, eventType, key, record);
+    SMMutexUnLock(mutexRtCache);
+    return rc;
+}
+
+// A cache set up on a private root with trace capture on, destroyed after
+// the test. Blocks are counted from before rtcache_Init.
+class CacheTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        vornhost_reset();
+        alloc_reset();
+        ASSERT_EQ(rtcache_Init(), 0u);
+        trace_start();
+    }
+    void TearDown() override
+    {
+        vornhost_fail_clear();
+        rtcache_Destroy();
+    }
+
+    TempRoot root;
+};
+
+}  // namespace rtvox::test::cache
