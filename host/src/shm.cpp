@@ -106,7 +106,8 @@ uint8_t *materialise(ShmState &s, Region &r)
         return nullptr;
     }
     struct stat st {};
-    if (::fstat(fd, &st) != 0 || (st.st_size < static_cast<off_t>(r.size) && ::ftruncate(fd, static_cast<off_t>(r.size)) != 0)) {
+    if (::fstat(fd, &st) != 0 ||
+        (st.st_size < static_cast<off_t>(r.size) && ::ftruncate(fd, static_cast<off_t>(r.size)) != 0)) {
         ::close(fd);
         return nullptr;
     }
