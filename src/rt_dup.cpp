@@ -92,6 +92,27 @@ int32_t dup_element(const RtRecord *src, RtRecord *dest)
     return 0;
 }
 
+// Battery and driver records own only their name and FQDD; `function` is
+// the exported copy the trace lines speak for.
+RtRecord *dup_named_record(const RtRecord *pSrc, const char *function)
+{
+    RT_TRACE_LOG_AS(function, 4, "--> %s", function);
+    if (pSrc == nullptr) {
+        RT_TRACE_LOG_AS(function, 2, "<--error1 %s", function);
+        return nullptr;
+    }
+    auto *copy = alloc_record<RtRecord>();
+    if (copy == nullptr) {
+        RT_TRACE_LOG_AS(function, 2, "<--error2 %s", function);
+        return nullptr;
+    }
+    std::memcpy(copy, pSrc, sizeof(*copy));
+    copy->NAME = dup_wide(pSrc->NAME);
+    copy->hdr.FQDD = dup_wide(pSrc->hdr.FQDD);
+    RT_TRACE_LOG_AS(function, 4, "<-- %s", function);
+    return copy;
+}
+
 }  // namespace
 
 extern "C" {
@@ -177,40 +198,12 @@ RtAdapterKey *rtraid_DupAdapterKey(const RtAdapterKey *pSrc)
 
 RtBattery *rtraid_DupBattery(const RtBattery *pSrc)
 {
-    RT_TRACE_LOG(4, "--> %s", __func__);
-    if (pSrc == nullptr) {
-        RT_TRACE_LOG(2, "<--error1 %s", __func__);
-        return nullptr;
-    }
-    auto *copy = alloc_record<RtBattery>();
-    if (copy == nullptr) {
-        RT_TRACE_LOG(2, "<--error2 %s", __func__);
-        return nullptr;
-    }
-    std::memcpy(copy, pSrc, sizeof(*copy));
-    copy->NAME = dup_wide(pSrc->NAME);
-    copy->hdr.FQDD = dup_wide(pSrc->hdr.FQDD);
-    RT_TRACE_LOG(4, "<-- %s", __func__);
-    return copy;
+    return dup_named_record(pSrc, __func__);
 }
 
 RtDriver *rtraid_DupDriver(const RtDriver *pSrc)
 {
-    RT_TRACE_LOG(4, "--> %s", __func__);
-    if (pSrc == nullptr) {
-        RT_TRACE_LOG(2, "<--error1 %s", __func__);
-        return nullptr;
-    }
-    auto *copy = alloc_record<RtDriver>();
-    if (copy == nullptr) {
-        RT_TRACE_LOG(2, "<--error2 %s", __func__);
-        return nullptr;
-    }
-    std::memcpy(copy, pSrc, sizeof(*copy));
-    copy->NAME = dup_wide(pSrc->NAME);
-    copy->hdr.FQDD = dup_wide(pSrc->hdr.FQDD);
-    RT_TRACE_LOG(4, "<-- %s", __func__);
-    return copy;
+    return dup_named_record(pSrc, __func__);
 }
 
 void StripLeadingTrailingSpace(char *pBuffer, uint32_t size)

@@ -27,14 +27,19 @@ namespace rtvox::detail {
 void log_copy(const char *function, const char *format, ...) RTVOX_PRINTF_LIKE(2, 3);
 }  // namespace rtvox::detail
 
-#define RT_TRACE(level, fmt, ...)                                                          \
-    vornprintf((level), RT_TRACE_CATEGORY, "%s:%s:%u:" fmt "\n", RT_MODULE_FILE, __func__, \
+#define RT_TRACE(level, fmt, ...) RT_TRACE_AS(__func__, level, fmt __VA_OPT__(, ) __VA_ARGS__)
+#define RT_TRACE_LOG(level, fmt, ...) RT_TRACE_LOG_AS(__func__, level, fmt __VA_OPT__(, ) __VA_ARGS__)
+
+// The same, on behalf of an exported function whose body is shared with
+// others: `function` is the name the line carries.
+#define RT_TRACE_AS(function, level, fmt, ...)                                               \
+    vornprintf((level), RT_TRACE_CATEGORY, "%s:%s:%u:" fmt "\n", RT_MODULE_FILE, (function), \
                static_cast<unsigned>(__LINE__) __VA_OPT__(, ) __VA_ARGS__)
 
-#define RT_TRACE_LOG(level, fmt, ...)                                        \
-    do {                                                                     \
-        RT_TRACE(level, fmt __VA_OPT__(, ) __VA_ARGS__);                     \
-        ::rtvox::detail::log_copy(__func__, fmt __VA_OPT__(, ) __VA_ARGS__); \
+#define RT_TRACE_LOG_AS(function, level, fmt, ...)                             \
+    do {                                                                       \
+        RT_TRACE_AS(function, level, fmt __VA_OPT__(, ) __VA_ARGS__);          \
+        ::rtvox::detail::log_copy((function), fmt __VA_OPT__(, ) __VA_ARGS__); \
     } while (0)
 
 // Entry and exit lines in the "%s %s %d" form, traced and copied to the file.
