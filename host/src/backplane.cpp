@@ -3,8 +3,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
-#include <deque>
-#include <map>
 #include <thread>
 #include <vector>
 
@@ -26,8 +24,8 @@ struct BpState {
     std::mutex lock;
     Record record{};
     std::array<Script<uint32_t>, VORNHOST_BP_OP_COUNT> scripts{};
-    std::map<uint32_t, uint32_t> extra_write_sizes;
-    std::deque<VornHostBpWrite> writes;
+    SizeTable write_sizes{kDriveStatusWriteType, kDriveStatusWriteSize, VORNHOST_BP_INFO_SIZE};
+    Journal<VornHostBpWrite> writes{VORNHOST_BP_WRITE_JOURNAL_MAX};
     // hot plug
     std::condition_variable hotplug_changed;
     std::vector<std::thread> threads;
@@ -48,36 +46,50 @@ HandleTable<Session> &sessions()
     return *t;
 }
 
-// Size of a write type's record, 0 when unknown. Under s.lock.
-uint32_t write_size(const BpState &s, uint32_t writeType)
+// What every call on a session checks first: an injected fault, then the
+// handle. VORNHOST_OK when the call goes on.
+uint32_t check_session(VornHostFunction fn, uint32_t h)
 {
-    if (writeType == kDriveStatusWriteType) {
-        return kDriveStatusWriteSize;
+    if (fault_hit(fn)) {
+        return VORNHOST_E_INJECTED;
     }
-    const auto it = s.extra_write_sizes.find(writeType);
-    return it == s.extra_write_sizes.end() ? 0 : it->second;
+    return sessions().find(h) ? VORNHOST_OK : VORNHOST_E_HANDLE;
 }
 
-bool fails(uint32_t status)
+// One of the tables of entries in the info record.
+struct EntryTable {
+    uint32_t offset;
+    uint32_t size;   // bytes per entry
+    uint32_t count;  // entries
+};
+constexpr EntryTable kBays{VORNHOST_BP_BAY_OFFSET, VORNHOST_BP_BAY_SIZE, VORNHOST_BP_MAX_BAYS};
+constexpr EntryTable kDrives{VORNHOST_BP_DRIVE_OFFSET, VORNHOST_BP_DRIVE_SIZE, VORNHOST_BP_MAX_DRIVES};
+constexpr EntryTable kRisers{VORNHOST_BP_RISER_OFFSET, VORNHOST_BP_RISER_SIZE, VORNHOST_BP_MAX_RISERS};
+
+// Entry `index` of `table` in `record`, zeroed for the caller to fill from
+// `fields`; nullptr, with the record untouched, when record or fields is NULL
+// or the index is past the table.
+uint8_t *clear_entry(void *record, const EntryTable &table, uint32_t index, const void *fields)
 {
-    return (status & 0xFFu) != 0;
+    if (record == nullptr || fields == nullptr || index >= table.count) {
+        return nullptr;
+    }
+    uint8_t *entry = static_cast<uint8_t *>(record) + table.offset + index * table.size;
+    std::memset(entry, 0, table.size);
+    return entry;
 }
 
-void put8(void *record, uint32_t offset, uint8_t v)
+// Multi-byte fields of the record are little-endian and unaligned.
+void put16(uint8_t *at, uint16_t v)
 {
-    static_cast<uint8_t *>(record)[offset] = v;
+    at[0] = static_cast<uint8_t>(v & 0xFFu);
+    at[1] = static_cast<uint8_t>(v >> 8);
 }
 
-void put16(void *record, uint32_t offset, uint16_t v)
+void put32(uint8_t *at, uint32_t v)
 {
-    put8(record, offset, static_cast<uint8_t>(v & 0xFFu));
-    put8(record, offset + 1, static_cast<uint8_t>(v >> 8));
-}
-
-void put32(void *record, uint32_t offset, uint32_t v)
-{
-    put16(record, offset, static_cast<uint16_t>(v & 0xFFFFu));
-    put16(record, offset + 2, static_cast<uint16_t>(v >> 16));
+    put16(at, static_cast<uint16_t>(v & 0xFFFFu));
+    put16(at + 2, static_cast<uint16_t>(v >> 16));
 }
 
 // Waits (bounded unless timeout_ms is -1) for the running callbacks, then
@@ -119,7 +131,7 @@ void bp_reset()
     for (auto &script : s.scripts) {
         script.clear();
     }
-    s.extra_write_sizes.clear();
+    s.write_sizes.clear();
     s.writes.clear();
     s.done = 0;
     s.last_result = 0;
@@ -163,11 +175,8 @@ uint32_t VornBpApiReadExec(uint32_t h, void *apiInfo, const char *file, const ch
     (void)file;
     (void)function;
     (void)line;
-    if (fault_hit(VORNHOST_VornBpApiReadExec)) {
-        return VORNHOST_E_INJECTED;
-    }
-    if (h == 0 || !sessions().find(h)) {
-        return VORNHOST_E_HANDLE;
+    if (const uint32_t rc = check_session(VORNHOST_VornBpApiReadExec, h); rc != VORNHOST_OK) {
+        return rc;
     }
     if (apiInfo == nullptr) {
         return VORNHOST_E_ARG;
@@ -185,18 +194,15 @@ uint32_t VornBpApiWriteExec(uint32_t h, uint32_t writeType, const void *record, 
                             uint32_t line)
 {
     (void)file;
-    if (fault_hit(VORNHOST_VornBpApiWriteExec)) {
-        return VORNHOST_E_INJECTED;
-    }
-    if (h == 0 || !sessions().find(h)) {
-        return VORNHOST_E_HANDLE;
+    if (const uint32_t rc = check_session(VORNHOST_VornBpApiWriteExec, h); rc != VORNHOST_OK) {
+        return rc;
     }
     if (record == nullptr) {
         return VORNHOST_E_ARG;
     }
     BpState &s = state();
     std::lock_guard guard(s.lock);
-    const uint32_t size = write_size(s, writeType);
+    const uint32_t size = s.write_sizes.size(writeType);
     uint32_t status = s.scripts[VORNHOST_BP_WRITE].take();
     if (size == 0 && !fails(status)) {
         status = VORNHOST_E_UNSUPPORTED;
@@ -212,10 +218,7 @@ uint32_t VornBpApiWriteExec(uint32_t h, uint32_t writeType, const void *record, 
         if (function != nullptr) {
             std::strncpy(entry.function, function, sizeof entry.function - 1);
         }
-        s.writes.push_back(entry);
-        while (s.writes.size() > VORNHOST_BP_WRITE_JOURNAL_MAX) {
-            s.writes.pop_front();
-        }
+        s.writes.add(entry);
     } catch (...) {
         return VORNHOST_E_NOMEM;
     }
@@ -227,11 +230,8 @@ uint32_t VornBpApiCloseExec(uint32_t h, const char *file, const char *function, 
     (void)file;
     (void)function;
     (void)line;
-    if (fault_hit(VORNHOST_VornBpApiCloseExec)) {
-        return VORNHOST_E_INJECTED;
-    }
-    if (h == 0 || !sessions().find(h)) {
-        return VORNHOST_E_HANDLE;
+    if (const uint32_t rc = check_session(VORNHOST_VornBpApiCloseExec, h); rc != VORNHOST_OK) {
+        return rc;
     }
     BpState &s = state();
     uint32_t status = 0;
@@ -286,73 +286,67 @@ int vornhost_bp_info_set_counts(void *record, uint8_t bayCnt, uint8_t driveCnt, 
     if (record == nullptr) {
         return VORNHOST_E_ARG;
     }
-    put8(record, 2, bayCnt);
-    put8(record, 3, driveCnt);
-    put8(record, 4, slotCnt);
-    put8(record, 6, riserCnt);
+    auto *r = static_cast<uint8_t *>(record);
+    r[2] = bayCnt;
+    r[3] = driveCnt;
+    r[4] = slotCnt;
+    r[6] = riserCnt;
     return VORNHOST_OK;
 }
 
 int vornhost_bp_info_set_bay(void *record, uint32_t index, const VornHostBpBay *bay)
 {
-    if (record == nullptr || bay == nullptr || index >= VORNHOST_BP_MAX_BAYS) {
+    uint8_t *e = clear_entry(record, kBays, index, bay);
+    if (e == nullptr) {
         return VORNHOST_E_ARG;
     }
-    const uint32_t o = VORNHOST_BP_BAY_OFFSET + index * VORNHOST_BP_BAY_SIZE;
-    std::memset(static_cast<uint8_t *>(record) + o, 0, VORNHOST_BP_BAY_SIZE);
-    put8(record, o + 0, bay->inventory);
-    put16(record, o + 1, bay->bpId);
-    put8(record, o + 3, bay->downstreamCnt);
-    put32(record, o + 4, bay->pcieSlotMap);
-    for (uint32_t i = 0; i < 6; ++i) {
-        put8(record, o + 8 + i, bay->downstreamBayIds[i]);
-    }
-    put8(record, o + 14, bay->bayId);
-    put8(record, o + 15, bay->tech);
-    put8(record, o + 16, bay->size);
-    put8(record, o + 27, bay->priSec);
-    put8(record, o + 28, bay->primaryBayId);
-    put8(record, o + 29, bay->physSlotCnt);
-    put8(record, o + 30, bay->logicalSlotCnt);
-    put8(record, o + 32, bay->physDriveCnt);
-    put8(record, o + 35, bay->riserCnt);
-    put8(record, o + 37, bay->fwMajor);
-    put8(record, o + 38, bay->fwMinor);
-    for (uint32_t i = 0; i < 3; ++i) {
-        put8(record, o + 39 + i, bay->compId[i]);
-    }
+    e[0] = bay->inventory;
+    put16(e + 1, bay->bpId);
+    e[3] = bay->downstreamCnt;
+    put32(e + 4, bay->pcieSlotMap);
+    std::memcpy(e + 8, bay->downstreamBayIds, sizeof bay->downstreamBayIds);
+    e[14] = bay->bayId;
+    e[15] = bay->tech;
+    e[16] = bay->size;
+    e[27] = bay->priSec;
+    e[28] = bay->primaryBayId;
+    e[29] = bay->physSlotCnt;
+    e[30] = bay->logicalSlotCnt;
+    e[32] = bay->physDriveCnt;
+    e[35] = bay->riserCnt;
+    e[37] = bay->fwMajor;
+    e[38] = bay->fwMinor;
+    std::memcpy(e + 39, bay->compId, sizeof bay->compId);
     return VORNHOST_OK;
 }
 
 int vornhost_bp_info_set_drive(void *record, uint32_t index, const VornHostBpDrive *drive)
 {
-    if (record == nullptr || drive == nullptr || index >= VORNHOST_BP_MAX_DRIVES) {
+    uint8_t *e = clear_entry(record, kDrives, index, drive);
+    if (e == nullptr) {
         return VORNHOST_E_ARG;
     }
-    const uint32_t o = VORNHOST_BP_DRIVE_OFFSET + index * VORNHOST_BP_DRIVE_SIZE;
-    std::memset(static_cast<uint8_t *>(record) + o, 0, VORNHOST_BP_DRIVE_SIZE);
-    put8(record, o + 1, drive->driveId);
-    put8(record, o + 2, drive->sensor);
-    put8(record, o + 3, drive->bayId);
-    put8(record, o + 4, drive->driveSlot);
-    put8(record, o + 7, drive->extenderSlot);
-    put8(record, o + 11, drive->tech);
-    put16(record, o + 12, drive->state);
+    e[1] = drive->driveId;
+    e[2] = drive->sensor;
+    e[3] = drive->bayId;
+    e[4] = drive->driveSlot;
+    e[7] = drive->extenderSlot;
+    e[11] = drive->tech;
+    put16(e + 12, drive->state);
     return VORNHOST_OK;
 }
 
 int vornhost_bp_info_set_riser(void *record, uint32_t index, const VornHostBpRiser *riser)
 {
-    if (record == nullptr || riser == nullptr || index >= VORNHOST_BP_MAX_RISERS) {
+    uint8_t *e = clear_entry(record, kRisers, index, riser);
+    if (e == nullptr) {
         return VORNHOST_E_ARG;
     }
-    const uint32_t o = VORNHOST_BP_RISER_OFFSET + index * VORNHOST_BP_RISER_SIZE;
-    std::memset(static_cast<uint8_t *>(record) + o, 0, VORNHOST_BP_RISER_SIZE);
-    put8(record, o + 0, riser->present);
-    put8(record, o + 1, riser->bayId);
-    put8(record, o + 2, riser->type);
-    put8(record, o + 3, riser->slot);
-    put8(record, o + 4, riser->num);
+    e[0] = riser->present;
+    e[1] = riser->bayId;
+    e[2] = riser->type;
+    e[3] = riser->slot;
+    e[4] = riser->num;
     return VORNHOST_OK;
 }
 
@@ -388,21 +382,9 @@ void vornhost_bp_set_status(VornHostBpOp op, uint32_t status, uint32_t count)
 
 int vornhost_bp_set_write_size(uint32_t writeType, uint32_t size)
 {
-    if (writeType == kDriveStatusWriteType || size > VORNHOST_BP_INFO_SIZE) {
-        return VORNHOST_E_ARG;
-    }
     BpState &s = state();
     std::lock_guard guard(s.lock);
-    try {
-        if (size == 0) {
-            s.extra_write_sizes.erase(writeType);
-        } else {
-            s.extra_write_sizes[writeType] = size;
-        }
-    } catch (...) {
-        return VORNHOST_E_NOMEM;
-    }
-    return VORNHOST_OK;
+    return s.write_sizes.set(writeType, size);
 }
 
 uint32_t vornhost_bp_session_count(void)
@@ -413,7 +395,7 @@ uint32_t vornhost_bp_session_count(void)
 int vornhost_bp_session_has_callback(uint32_t h)
 {
     const auto session = sessions().find(h);
-    if (h == 0 || !session) {
+    if (!session) {
         return -1;
     }
     return session->callback != nullptr ? 1 : 0;
@@ -421,23 +403,12 @@ int vornhost_bp_session_has_callback(uint32_t h)
 
 uint32_t vornhost_bp_write_count(void)
 {
-    BpState &s = state();
-    std::lock_guard guard(s.lock);
-    return static_cast<uint32_t>(s.writes.size());
+    return state().writes.count();
 }
 
 int vornhost_bp_write_get(uint32_t index, VornHostBpWrite *out)
 {
-    if (out == nullptr) {
-        return -1;
-    }
-    BpState &s = state();
-    std::lock_guard guard(s.lock);
-    if (index >= s.writes.size()) {
-        return -1;
-    }
-    *out = s.writes[index];
-    return 0;
+    return state().writes.get(index, out);
 }
 
 int vornhost_bp_hotplug(const void *record)

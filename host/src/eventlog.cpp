@@ -2,8 +2,6 @@
 #include <array>
 #include <cstdio>
 #include <cstring>
-#include <deque>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -47,10 +45,10 @@ struct Single {
 
 struct EventLogState {
     std::mutex lock;
-    std::deque<Event> events;  // deque: journaled entries never move
-    std::deque<Single> singles;
+    Journal<Event> events{VORNHOST_EVENTLOG_JOURNAL_MAX};
+    Journal<Single> singles{VORNHOST_EVENTLOG_JOURNAL_MAX};
     std::array<Script<int32_t>, 2> scripts{};
-    std::map<uint32_t, uint32_t> extra_single_sizes;
+    SizeTable single_sizes{kSingleKind, kSingleSize, VORNHOST_SINGLE_MAX};
 };
 
 EventLogState &state()
@@ -67,9 +65,10 @@ HandleTable<TlvList> &lists()
 
 // ---- JSON lines ----
 
+constexpr char kHex[] = "0123456789abcdef";
+
 void json_string(std::string &out, const char *text, size_t length)
 {
-    static const char kHex[] = "0123456789abcdef";
     out.push_back('"');
     for (size_t i = 0; i < length; ++i) {
         const auto c = static_cast<unsigned char>(text[i]);
@@ -115,7 +114,6 @@ void json_string(std::string &out, const std::string &text)
 
 void json_hex(std::string &out, const uint8_t *bytes, size_t length)
 {
-    static const char kHex[] = "0123456789abcdef";
     out.push_back('"');
     for (size_t i = 0; i < length; ++i) {
         out.push_back(kHex[bytes[i] >> 4]);
@@ -183,21 +181,18 @@ std::string json_line(const Single &s)
     return out;
 }
 
-void write_json(const std::string &line)
+// Journals a submission with the scripted status of `op` and appends its JSON
+// line to VORN_EVENTLOG_FILE; returns that status. Called under s.lock, so the
+// file keeps the journal's order. May throw std::bad_alloc.
+template <typename Entry>
+int32_t submit(EventLogState &s, VornHostEventLogOp op, Journal<Entry> &journal, Entry entry)
 {
-    const std::string file = env("VORN_EVENTLOG_FILE");
-    if (!file.empty()) {
-        append_to_file(file, line);
-    }
-}
-
-uint32_t single_size(const EventLogState &s, uint32_t kind)
-{
-    if (kind == kSingleKind) {
-        return kSingleSize;
-    }
-    const auto it = s.extra_single_sizes.find(kind);
-    return it == s.extra_single_sizes.end() ? 0 : it->second;
+    entry.status = s.scripts[op].take();
+    const int32_t status = entry.status;
+    const std::string line = json_line(entry);
+    journal.add(std::move(entry));
+    append_to_env_file("VORN_EVENTLOG_FILE", line);
+    return status;
 }
 
 }  // namespace
@@ -211,7 +206,7 @@ void eventlog_reset()
     for (auto &script : s.scripts) {
         script.clear();
     }
-    s.extra_single_sizes.clear();
+    s.single_sizes.clear();
 }
 
 }  // namespace vornhost::detail
@@ -278,7 +273,7 @@ int32_t QNIPCLAddTLVToList(uint32_t type, uint16_t length, const void *value, ui
         return VORNHOST_E_INJECTED;
     }
     const auto tlvs = lists().find(list);
-    if (list == 0 || !tlvs) {
+    if (!tlvs) {
         return VORNHOST_E_HANDLE;
     }
     if (value == nullptr && length > 0) {
@@ -300,7 +295,7 @@ int32_t QNIPCLFreeTLVList(uint32_t list)
     if (fault_hit(VORNHOST_QNIPCLFreeTLVList)) {
         return VORNHOST_E_INJECTED;
     }
-    if (list == 0 || !lists().remove(list)) {
+    if (!lists().remove(list)) {
         return VORNHOST_E_HANDLE;
     }
     return VORNHOST_OK;
@@ -333,19 +328,8 @@ int32_t QNIPCLSubmitEvent(uint32_t category, uint32_t source, uint32_t severity,
             e.tlvs = tlvs->tlvs;
         }
         EventLogState &s = state();
-        std::string line;
-        {
-            std::lock_guard guard(s.lock);
-            e.status = s.scripts[VORNHOST_EVT_SUBMIT_EVENT].take();
-            line = json_line(e);
-            s.events.push_back(std::move(e));
-            while (s.events.size() > VORNHOST_EVENTLOG_JOURNAL_MAX) {
-                s.events.pop_front();
-            }
-            // Written under the lock so the file keeps the journal's order.
-            write_json(line);
-            return s.events.back().status;
-        }
+        std::lock_guard guard(s.lock);
+        return submit(s, VORNHOST_EVT_SUBMIT_EVENT, s.events, std::move(e));
     } catch (...) {
         return VORNHOST_E_NOMEM;
     }
@@ -362,7 +346,7 @@ int32_t QNIPCLSubmitSingle(const void *record, uint32_t kind, uint32_t flags)
     EventLogState &s = state();
     try {
         std::lock_guard guard(s.lock);
-        const uint32_t size = single_size(s, kind);
+        const uint32_t size = s.single_sizes.size(kind);
         if (size == 0) {
             return VORNHOST_E_UNSUPPORTED;
         }
@@ -371,14 +355,7 @@ int32_t QNIPCLSubmitSingle(const void *record, uint32_t kind, uint32_t flags)
         single.flags = flags;
         const auto *bytes = static_cast<const uint8_t *>(record);
         single.bytes.assign(bytes, bytes + size);
-        single.status = s.scripts[VORNHOST_EVT_SUBMIT_SINGLE].take();
-        const int32_t status = single.status;
-        write_json(json_line(single));
-        s.singles.push_back(std::move(single));
-        while (s.singles.size() > VORNHOST_EVENTLOG_JOURNAL_MAX) {
-            s.singles.pop_front();
-        }
-        return status;
+        return submit(s, VORNHOST_EVT_SUBMIT_SINGLE, s.singles, std::move(single));
     } catch (...) {
         return VORNHOST_E_NOMEM;
     }
@@ -396,21 +373,9 @@ void vornhost_eventlog_set_status(VornHostEventLogOp op, int32_t status, uint32_
 
 int vornhost_eventlog_set_single_size(uint32_t kind, uint32_t size)
 {
-    if (kind == kSingleKind || size > VORNHOST_SINGLE_MAX) {
-        return VORNHOST_E_ARG;
-    }
     EventLogState &s = state();
     std::lock_guard guard(s.lock);
-    try {
-        if (size == 0) {
-            s.extra_single_sizes.erase(kind);
-        } else {
-            s.extra_single_sizes[kind] = size;
-        }
-    } catch (...) {
-        return VORNHOST_E_NOMEM;
-    }
-    return VORNHOST_OK;
+    return s.single_sizes.set(kind, size);
 }
 
 uint32_t vornhost_tlv_list_count(void)
@@ -421,7 +386,7 @@ uint32_t vornhost_tlv_list_count(void)
 int32_t vornhost_tlv_list_size(uint32_t list)
 {
     const auto tlvs = lists().find(list);
-    if (list == 0 || !tlvs) {
+    if (!tlvs) {
         return -1;
     }
     std::lock_guard guard(tlvs->lock);
@@ -430,31 +395,21 @@ int32_t vornhost_tlv_list_size(uint32_t list)
 
 uint32_t vornhost_eventlog_count(void)
 {
-    EventLogState &s = state();
-    std::lock_guard guard(s.lock);
-    return static_cast<uint32_t>(s.events.size());
+    return state().events.count();
 }
 
 int vornhost_eventlog_get(uint32_t index, VornHostEvent *out)
 {
-    if (out == nullptr) {
-        return -1;
-    }
-    EventLogState &s = state();
-    std::lock_guard guard(s.lock);
-    if (index >= s.events.size()) {
-        return -1;
-    }
-    const Event &e = s.events[index];
-    out->category = e.category;
-    out->source = e.source;
-    out->severity = e.severity;
-    out->flags = e.flags;
-    out->status = e.status;
-    out->msgId = e.msg_id.c_str();
-    out->fqdd = e.has_fqdd ? e.fqdd.c_str() : nullptr;
-    out->tlvCount = static_cast<uint32_t>(e.tlvs.size());
-    return 0;
+    return state().events.get(index, out, [](const Event &e, VornHostEvent &o) {
+        o.category = e.category;
+        o.source = e.source;
+        o.severity = e.severity;
+        o.flags = e.flags;
+        o.status = e.status;
+        o.msgId = e.msg_id.c_str();
+        o.fqdd = e.has_fqdd ? e.fqdd.c_str() : nullptr;
+        o.tlvCount = static_cast<uint32_t>(e.tlvs.size());
+    });
 }
 
 int vornhost_eventlog_tlv(uint32_t index, uint32_t tlvIndex, VornHostTlv *out)
@@ -462,43 +417,33 @@ int vornhost_eventlog_tlv(uint32_t index, uint32_t tlvIndex, VornHostTlv *out)
     if (out == nullptr) {
         return -1;
     }
-    EventLogState &s = state();
-    std::lock_guard guard(s.lock);
-    if (index >= s.events.size() || tlvIndex >= s.events[index].tlvs.size()) {
-        return -1;
-    }
-    const Tlv &t = s.events[index].tlvs[tlvIndex];
-    out->type = t.type;
-    out->length = static_cast<uint16_t>(t.value.size());
-    out->value = t.value.empty() ? nullptr : t.value.data();
-    return 0;
+    return state().events.with(index, [tlvIndex, out](const Event &e) {
+        if (tlvIndex >= e.tlvs.size()) {
+            return -1;
+        }
+        const Tlv &t = e.tlvs[tlvIndex];
+        out->type = t.type;
+        out->length = static_cast<uint16_t>(t.value.size());
+        out->value = t.value.empty() ? nullptr : t.value.data();
+        return 0;
+    });
 }
 
 uint32_t vornhost_single_count(void)
 {
-    EventLogState &s = state();
-    std::lock_guard guard(s.lock);
-    return static_cast<uint32_t>(s.singles.size());
+    return state().singles.count();
 }
 
 int vornhost_single_get(uint32_t index, VornHostSingle *out)
 {
-    if (out == nullptr) {
-        return -1;
-    }
-    EventLogState &s = state();
-    std::lock_guard guard(s.lock);
-    if (index >= s.singles.size()) {
-        return -1;
-    }
-    const Single &single = s.singles[index];
-    *out = VornHostSingle{};
-    out->kind = single.kind;
-    out->flags = single.flags;
-    out->status = single.status;
-    out->length = static_cast<uint32_t>(single.bytes.size());
-    std::memcpy(out->bytes, single.bytes.data(), single.bytes.size());
-    return 0;
+    return state().singles.get(index, out, [](const Single &single, VornHostSingle &o) {
+        o = VornHostSingle{};
+        o.kind = single.kind;
+        o.flags = single.flags;
+        o.status = single.status;
+        o.length = static_cast<uint32_t>(single.bytes.size());
+        std::memcpy(o.bytes, single.bytes.data(), single.bytes.size());
+    });
 }
 
 void vornhost_eventlog_clear(void)

@@ -1,10 +1,5 @@
-// Fault injection, call counts, vornhost_reset and small shared helpers.
-#include <fcntl.h>
-#include <unistd.h>
-
+// Fault injection, call counts and vornhost_reset.
 #include <array>
-#include <cerrno>
-#include <cstdlib>
 
 #include "internal.h"
 
@@ -61,37 +56,6 @@ void faults_reset()
     Faults &f = faults();
     std::lock_guard guard(f.lock);
     f.slots.fill(FaultSlot{});
-}
-
-std::string env(const char *name)
-{
-    const char *value = std::getenv(name);
-    return value == nullptr ? std::string() : std::string(value);
-}
-
-bool append_to_file(const std::string &path, const std::string &data)
-{
-    const int fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
-    if (fd < 0) {
-        return false;
-    }
-    const char *p = data.data();
-    size_t left = data.size();
-    bool ok = true;
-    while (left > 0) {
-        const ssize_t n = ::write(fd, p, left);
-        if (n < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            ok = false;
-            break;
-        }
-        p += n;
-        left -= static_cast<size_t>(n);
-    }
-    ::close(fd);
-    return ok;
 }
 
 }  // namespace vornhost::detail

@@ -5,7 +5,10 @@
 // callers that free them, malloc.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <deque>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -31,9 +34,20 @@ void ipmi_reset();
 // The value of an environment variable, empty when unset.
 std::string env(const char *name);
 
-// Appends `data` to `path` in one write (O_APPEND|O_CREAT, 0644). false when
-// the file cannot be opened or written.
-bool append_to_file(const std::string &path, const std::string &data);
+// Writes all of `data` to `fd`, retrying after signals. false on an error.
+bool write_all(int fd, const std::string &data);
+
+// Appends `data` to the file named by the environment variable `variable`
+// (read at each call; the file is opened O_APPEND|O_CREAT, 0644, each time).
+// false when the variable is unset or empty, or the file cannot be written.
+bool append_to_env_file(const char *variable, const std::string &data);
+
+// Backplane and IPMI statuses fail when their low 8 bits are not 0 (all the
+// library tests), so a scripted status such as 0x100 counts as success.
+inline bool fails(uint32_t status)
+{
+    return (status & 0xFFu) != 0;
+}
 
 // A scripted status: the next `count` uses answer `status` (count 0: every
 // use). Not locked: the owner guards it.
@@ -64,6 +78,94 @@ private:
     Status status_ = 0;
     uint32_t remaining_ = 0;
     bool armed_ = false;
+};
+
+// Record sizes by type: one built-in type of a fixed size, plus types given a
+// size of 1..max bytes at run time. Not locked: the owner guards it.
+class SizeTable {
+public:
+    SizeTable(uint32_t builtin_type, uint32_t builtin_size, uint32_t max)
+        : builtin_type_(builtin_type), builtin_size_(builtin_size), max_(max)
+    {
+    }
+    // The record size of `type`, 0 when it has none.
+    uint32_t size(uint32_t type) const;
+    // Gives `type` a size; 0 removes an added type. VORNHOST_OK, VORNHOST_E_ARG
+    // (the built-in type, or a size past max) or VORNHOST_E_NOMEM.
+    int set(uint32_t type, uint32_t size);
+    // Removes every added type.
+    void clear() { added_.clear(); }
+
+private:
+    const uint32_t builtin_type_;
+    const uint32_t builtin_size_;
+    const uint32_t max_;
+    std::map<uint32_t, uint32_t> added_;
+};
+
+// The latest entries of a journal, index 0 the oldest kept: adding past `max`
+// entries drops the oldest. Entries never move (a deque), so pointers into an
+// entry stay valid until it is dropped or the journal cleared. Thread-safe.
+template <typename T>
+class Journal {
+public:
+    explicit Journal(size_t max = SIZE_MAX) : max_(max) {}
+
+    // May throw std::bad_alloc.
+    void add(T entry)
+    {
+        std::lock_guard guard(lock_);
+        entries_.push_back(std::move(entry));
+        while (entries_.size() > max_) {
+            entries_.pop_front();
+        }
+    }
+
+    void clear()
+    {
+        std::lock_guard guard(lock_);
+        entries_.clear();
+    }
+
+    uint32_t count() const
+    {
+        std::lock_guard guard(lock_);
+        return static_cast<uint32_t>(entries_.size());
+    }
+
+    // f(entry) for the entry at `index`, under the journal's lock; -1 when
+    // there is no such entry.
+    template <typename F>
+    int with(uint32_t index, F &&f) const
+    {
+        std::lock_guard guard(lock_);
+        return index < entries_.size() ? f(entries_[index]) : -1;
+    }
+
+    // 0 after fill(entry, *out) for the entry at `index`; -1, with *out
+    // untouched, when out is NULL or there is no such entry.
+    template <typename Out, typename Fill>
+    int get(uint32_t index, Out *out, Fill &&fill) const
+    {
+        if (out == nullptr) {
+            return -1;
+        }
+        return with(index, [out, &fill](const T &entry) {
+            fill(entry, *out);
+            return 0;
+        });
+    }
+
+    // get() that copies the entry itself.
+    int get(uint32_t index, T *out) const
+    {
+        return get(index, out, [](const T &entry, T &copy) { copy = entry; });
+    }
+
+private:
+    mutable std::mutex lock_;
+    std::deque<T> entries_;
+    const size_t max_;
 };
 
 // A table of objects behind 32-bit handles. A handle is `kind << 28` plus a
@@ -130,7 +232,8 @@ public:
         return 0;
     }
 
-    // A reference to the object of a live handle, empty when there is none.
+    // A reference to the object of a live handle, empty when there is none
+    // (0 is never a handle).
     Ref find(uint32_t handle)
     {
         std::lock_guard guard(lock_);

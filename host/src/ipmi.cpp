@@ -1,7 +1,6 @@
 // IPMI_DoIPMICmd: request journal with a scripted status and response.
 #include <algorithm>
 #include <cstring>
-#include <deque>
 #include <vector>
 
 #include "internal.h"
@@ -11,7 +10,7 @@ namespace {
 
 struct IpmiState {
     std::mutex lock;
-    std::deque<VornHostIpmiRequest> requests;
+    Journal<VornHostIpmiRequest> requests{VORNHOST_IPMI_JOURNAL_MAX};
     uint32_t status = 0;
     std::vector<uint8_t> response;
     uint32_t remaining = 0;  // scripted calls left; 0 = the script holds for every call
@@ -69,16 +68,13 @@ uint32_t IPMI_DoIPMICmd(uint8_t netFn, uint8_t cmd, const uint8_t *request, uint
         if (requestLength > 0) {
             std::memcpy(entry.data, request, requestLength);
         }
-        s.requests.push_back(entry);
-        while (s.requests.size() > VORNHOST_IPMI_JOURNAL_MAX) {
-            s.requests.pop_front();
-        }
+        s.requests.add(entry);
     } catch (...) {
         return VORNHOST_E_NOMEM;
     }
     if (response != nullptr && responseLength != nullptr) {
         uint32_t copied = 0;
-        if ((status & 0xFFu) == 0 && s.scripted) {
+        if (!fails(status) && s.scripted) {
             copied = std::min(*responseLength, static_cast<uint32_t>(s.response.size()));
             if (copied > 0) {
                 std::memcpy(response, s.response.data(), copied);
@@ -120,23 +116,12 @@ int vornhost_ipmi_set_result(uint32_t status, const uint8_t *response, uint32_t 
 
 uint32_t vornhost_ipmi_count(void)
 {
-    IpmiState &s = state();
-    std::lock_guard guard(s.lock);
-    return static_cast<uint32_t>(s.requests.size());
+    return state().requests.count();
 }
 
 int vornhost_ipmi_get(uint32_t index, VornHostIpmiRequest *out)
 {
-    if (out == nullptr) {
-        return -1;
-    }
-    IpmiState &s = state();
-    std::lock_guard guard(s.lock);
-    if (index >= s.requests.size()) {
-        return -1;
-    }
-    *out = s.requests[index];
-    return 0;
+    return state().requests.get(index, out);
 }
 
 }  // extern "C"

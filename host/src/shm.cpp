@@ -120,9 +120,31 @@ uint8_t *materialise(ShmState &s, Region &r)
     return r.mapped;
 }
 
-// Checks and resolves an access; VORNHOST_OK with *bytes set, or an error.
-int32_t resolve(ShmState &s, uint32_t region, const void *buffer, uint32_t offset, uint32_t length, uint8_t **bytes)
+// materialise() as a status: VORNHOST_OK with *base set, VORNHOST_E_NOMEM or
+// VORNHOST_E_SYS. Under s.lock.
+int32_t region_bytes(ShmState &s, Region &r, uint8_t **base)
 {
+    try {
+        *base = materialise(s, r);
+    } catch (...) {
+        return VORNHOST_E_NOMEM;
+    }
+    return *base == nullptr ? VORNHOST_E_SYS : VORNHOST_OK;
+}
+
+// Vorn_shm_memread and Vorn_shm_memwrite: counts the call of `fn` (which an
+// injected fault fails), checks the access of `length` bytes at `offset`
+// before any byte moves, then calls move(the region's bytes at offset) when
+// there is anything to move.
+template <typename Move>
+int32_t checked_access(VornHostFunction fn, uint32_t region, const void *buffer, uint32_t offset, uint32_t length,
+                       Move move)
+{
+    if (fault_hit(fn)) {
+        return VORNHOST_E_INJECTED;
+    }
+    ShmState &s = state();
+    std::lock_guard guard(s.lock);
     configure_from_env(s);
     Region *r = find_region(s, region);
     if (r == nullptr) {
@@ -136,31 +158,21 @@ int32_t resolve(ShmState &s, uint32_t region, const void *buffer, uint32_t offse
         return VORNHOST_E_RANGE;
     }
     uint8_t *base = nullptr;
-    try {
-        base = materialise(s, *r);
-    } catch (...) {
-        return VORNHOST_E_NOMEM;
+    const int32_t rc = region_bytes(s, *r, &base);
+    if (rc == VORNHOST_OK && length > 0) {
+        move(base + offset);
     }
-    if (base == nullptr) {
-        return VORNHOST_E_SYS;
-    }
-    *bytes = base + offset;
-    return VORNHOST_OK;
+    return rc;
 }
 
 int zero_locked(ShmState &s, Region &r)
 {
     uint8_t *base = nullptr;
-    try {
-        base = materialise(s, r);
-    } catch (...) {
-        return VORNHOST_E_NOMEM;
+    const int32_t rc = region_bytes(s, r, &base);
+    if (rc == VORNHOST_OK) {
+        std::memset(base, 0, r.size);
     }
-    if (base == nullptr) {
-        return VORNHOST_E_SYS;
-    }
-    std::memset(base, 0, r.size);
-    return VORNHOST_OK;
+    return rc;
 }
 
 }  // namespace
@@ -186,32 +198,14 @@ extern "C" {
 
 int32_t Vorn_shm_memread(uint32_t region, void *buffer, uint32_t offset, uint32_t length)
 {
-    if (fault_hit(VORNHOST_Vorn_shm_memread)) {
-        return VORNHOST_E_INJECTED;
-    }
-    ShmState &s = state();
-    std::lock_guard guard(s.lock);
-    uint8_t *bytes = nullptr;
-    const int32_t rc = resolve(s, region, buffer, offset, length, &bytes);
-    if (rc == VORNHOST_OK && length > 0) {
-        std::memcpy(buffer, bytes, length);
-    }
-    return rc;
+    return checked_access(VORNHOST_Vorn_shm_memread, region, buffer, offset, length,
+                          [buffer, length](const uint8_t *bytes) { std::memcpy(buffer, bytes, length); });
 }
 
 int32_t Vorn_shm_memwrite(uint32_t region, const void *buffer, uint32_t offset, uint32_t length)
 {
-    if (fault_hit(VORNHOST_Vorn_shm_memwrite)) {
-        return VORNHOST_E_INJECTED;
-    }
-    ShmState &s = state();
-    std::lock_guard guard(s.lock);
-    uint8_t *bytes = nullptr;
-    const int32_t rc = resolve(s, region, buffer, offset, length, &bytes);
-    if (rc == VORNHOST_OK && length > 0) {
-        std::memmove(bytes, buffer, length);
-    }
-    return rc;
+    return checked_access(VORNHOST_Vorn_shm_memwrite, region, buffer, offset, length,
+                          [buffer, length](uint8_t *bytes) { std::memmove(bytes, buffer, length); });
 }
 
 int vornhost_shm_set_mode(VornHostShmMode mode, const char *prefix)
@@ -281,14 +275,8 @@ uint8_t *vornhost_shm_bytes(uint32_t region)
     std::lock_guard guard(s.lock);
     configure_from_env(s);
     Region *r = find_region(s, region);
-    if (r == nullptr) {
-        return nullptr;
-    }
-    try {
-        return materialise(s, *r);
-    } catch (...) {
-        return nullptr;
-    }
+    uint8_t *base = nullptr;
+    return r != nullptr && region_bytes(s, *r, &base) == VORNHOST_OK ? base : nullptr;
 }
 
 int vornhost_shm_zero(uint32_t region)

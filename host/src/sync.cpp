@@ -34,6 +34,7 @@ struct SyncObject {
 };
 
 using Clock = std::chrono::steady_clock;
+using Lock = std::unique_lock<std::mutex>;
 
 HandleTable<SyncObject> &table()
 {
@@ -45,14 +46,40 @@ using Ref = HandleTable<SyncObject>::Ref;
 
 Ref find(uint32_t h, Kind kind)
 {
-    if (h == 0) {
-        return Ref();
-    }
     Ref object = table().find(h);
     if (!object || object->kind != kind) {
         return Ref();
     }
     return object;
+}
+
+// op(object, lock) for the live object h of `kind`, with `lock` holding its
+// state lock; VORNHOST_E_HANDLE when h is not one or it has been destroyed.
+template <typename Op>
+int32_t on_live(uint32_t h, Kind kind, Op op)
+{
+    const Ref object = find(h, kind);
+    if (!object) {
+        return VORNHOST_E_HANDLE;
+    }
+    Lock lock(object->state);
+    if (object->destroyed) {
+        return VORNHOST_E_HANDLE;
+    }
+    return op(*object, lock);
+}
+
+// f(object) for the live object h of `kind` under its state lock; -1 when h
+// is not one.
+template <typename F>
+int inspect(uint32_t h, Kind kind, F f)
+{
+    int result = -1;
+    on_live(h, kind, [&result, &f](const SyncObject &object, Lock &) {
+        result = f(object);
+        return VORNHOST_OK;
+    });
+    return result;
 }
 
 uint32_t create(Kind kind, const char *name, bool manual, bool initial)
@@ -69,9 +96,6 @@ uint32_t create(Kind kind, const char *name, bool manual, bool initial)
 
 int32_t destroy(uint32_t h, Kind kind)
 {
-    if (h == 0) {
-        return VORNHOST_E_HANDLE;
-    }
     if (!find(h, kind)) {
         return VORNHOST_E_HANDLE;
     }
@@ -91,21 +115,32 @@ bool valid_timeout(int32_t timeout)
     return timeout >= -1;
 }
 
-// Waits on `object` until ready() or the timeout; `lock` holds object->state.
-// true when ready() holds at the end.
+// Waits on `object` until ready() or the timeout (0: no wait at all);
+// `lock` holds object->state. VORNHOST_OK when ready() holds,
+// VORNHOST_E_HANDLE when the object was destroyed meanwhile, else
+// VORNHOST_E_TIMEOUT.
 template <typename Ready>
-bool wait_for(std::unique_lock<std::mutex> &lock, SyncObject &object, int32_t timeout, Ready ready)
+int32_t wait_for(Lock &lock, SyncObject &object, int32_t timeout, Ready ready)
 {
+    if (ready()) {
+        return VORNHOST_OK;
+    }
+    if (timeout == 0) {
+        return VORNHOST_E_TIMEOUT;
+    }
+    const auto done = [&object, &ready] { return object.destroyed || ready(); };
     ++object.waiters;
     bool result = true;
     if (timeout < 0) {
-        object.changed.wait(lock, ready);
+        object.changed.wait(lock, done);
     } else {
-        const auto deadline = Clock::now() + std::chrono::milliseconds(timeout);
-        result = object.changed.wait_until(lock, deadline, ready);
+        result = object.changed.wait_until(lock, Clock::now() + std::chrono::milliseconds(timeout), done);
     }
     --object.waiters;
-    return result;
+    if (object.destroyed) {
+        return VORNHOST_E_HANDLE;
+    }
+    return result ? VORNHOST_OK : VORNHOST_E_TIMEOUT;
 }
 
 }  // namespace
@@ -131,34 +166,18 @@ int32_t SMMutexLock(uint32_t h, int32_t timeout)
     if (!valid_timeout(timeout)) {
         return VORNHOST_E_ARG;
     }
-    const Ref object = find(h, Kind::kMutex);
-    if (!object) {
-        return VORNHOST_E_HANDLE;
-    }
-    const std::thread::id self = std::this_thread::get_id();
-    std::unique_lock lock(object->state);
-    if (object->destroyed) {
-        return VORNHOST_E_HANDLE;
-    }
-    if (object->locked && object->owner == self) {
-        return VORNHOST_E_DEADLOCK;
-    }
-    if (object->locked) {
-        if (timeout == 0) {
-            return VORNHOST_E_TIMEOUT;
+    return on_live(h, Kind::kMutex, [timeout](SyncObject &o, Lock &lock) {
+        const std::thread::id self = std::this_thread::get_id();
+        if (o.locked && o.owner == self) {
+            return VORNHOST_E_DEADLOCK;
         }
-        SyncObject &o = *object;
-        const bool ready = wait_for(lock, o, timeout, [&o] { return o.destroyed || !o.locked; });
-        if (o.destroyed) {
-            return VORNHOST_E_HANDLE;
+        const int32_t rc = wait_for(lock, o, timeout, [&o] { return !o.locked; });
+        if (rc == VORNHOST_OK) {
+            o.locked = true;
+            o.owner = self;
         }
-        if (!ready) {
-            return VORNHOST_E_TIMEOUT;
-        }
-    }
-    object->locked = true;
-    object->owner = self;
-    return VORNHOST_OK;
+        return rc;
+    });
 }
 
 int32_t SMMutexUnLock(uint32_t h)
@@ -166,21 +185,15 @@ int32_t SMMutexUnLock(uint32_t h)
     if (fault_hit(VORNHOST_SMMutexUnLock)) {
         return VORNHOST_E_INJECTED;
     }
-    const Ref object = find(h, Kind::kMutex);
-    if (!object) {
-        return VORNHOST_E_HANDLE;
-    }
-    std::lock_guard guard(object->state);
-    if (object->destroyed) {
-        return VORNHOST_E_HANDLE;
-    }
-    if (!object->locked || object->owner != std::this_thread::get_id()) {
-        return VORNHOST_E_NOT_OWNER;
-    }
-    object->locked = false;
-    object->owner = std::thread::id();
-    object->changed.notify_one();
-    return VORNHOST_OK;
+    return on_live(h, Kind::kMutex, [](SyncObject &o, Lock &) {
+        if (!o.locked || o.owner != std::this_thread::get_id()) {
+            return VORNHOST_E_NOT_OWNER;
+        }
+        o.locked = false;
+        o.owner = std::thread::id();
+        o.changed.notify_one();
+        return VORNHOST_OK;
+    });
 }
 
 int32_t SMMutexDestroy(uint32_t h)
@@ -204,22 +217,16 @@ int32_t SMEventSet(uint32_t h)
     if (fault_hit(VORNHOST_SMEventSet)) {
         return VORNHOST_E_INJECTED;
     }
-    const Ref object = find(h, Kind::kEvent);
-    if (!object) {
-        return VORNHOST_E_HANDLE;
-    }
-    std::lock_guard guard(object->state);
-    if (object->destroyed) {
-        return VORNHOST_E_HANDLE;
-    }
-    object->signalled = true;
-    if (object->manual) {
-        ++object->generation;
-        object->changed.notify_all();
-    } else {
-        object->changed.notify_one();
-    }
-    return VORNHOST_OK;
+    return on_live(h, Kind::kEvent, [](SyncObject &o, Lock &) {
+        o.signalled = true;
+        if (o.manual) {
+            ++o.generation;
+            o.changed.notify_all();
+        } else {
+            o.changed.notify_one();
+        }
+        return VORNHOST_OK;
+    });
 }
 
 int32_t SMEventReset(uint32_t h)
@@ -227,16 +234,10 @@ int32_t SMEventReset(uint32_t h)
     if (fault_hit(VORNHOST_SMEventReset)) {
         return VORNHOST_E_INJECTED;
     }
-    const Ref object = find(h, Kind::kEvent);
-    if (!object) {
-        return VORNHOST_E_HANDLE;
-    }
-    std::lock_guard guard(object->state);
-    if (object->destroyed) {
-        return VORNHOST_E_HANDLE;
-    }
-    object->signalled = false;
-    return VORNHOST_OK;
+    return on_live(h, Kind::kEvent, [](SyncObject &o, Lock &) {
+        o.signalled = false;
+        return VORNHOST_OK;
+    });
 }
 
 int32_t SMEventWait(uint32_t h, int32_t timeout)
@@ -247,36 +248,17 @@ int32_t SMEventWait(uint32_t h, int32_t timeout)
     if (!valid_timeout(timeout)) {
         return VORNHOST_E_ARG;
     }
-    const Ref object = find(h, Kind::kEvent);
-    if (!object) {
-        return VORNHOST_E_HANDLE;
-    }
-    SyncObject &o = *object;
-    std::unique_lock lock(o.state);
-    if (o.destroyed) {
-        return VORNHOST_E_HANDLE;
-    }
-    if (!o.signalled) {
-        if (timeout == 0) {
-            return VORNHOST_E_TIMEOUT;
-        }
+    return on_live(h, Kind::kEvent, [timeout](SyncObject &o, Lock &lock) {
         // A manual event releases everyone waiting at the time of a Set, even
         // when a Reset follows before this thread runs again.
         const uint64_t start = o.generation;
-        const bool ready = wait_for(lock, o, timeout, [&o, start] {
-            return o.destroyed || o.signalled || (o.manual && o.generation != start);
-        });
-        if (o.destroyed) {
-            return VORNHOST_E_HANDLE;
+        const int32_t rc =
+            wait_for(lock, o, timeout, [&o, start] { return o.signalled || (o.manual && o.generation != start); });
+        if (rc == VORNHOST_OK && !o.manual) {
+            o.signalled = false;  // an automatic event is consumed by the wait it releases
         }
-        if (!ready) {
-            return VORNHOST_E_TIMEOUT;
-        }
-    }
-    if (!o.manual) {
-        o.signalled = false;  // an automatic event is consumed by the wait it releases
-    }
-    return VORNHOST_OK;
+        return rc;
+    });
 }
 
 int32_t SMEventDestroy(uint32_t h)
@@ -303,42 +285,22 @@ uint32_t vornhost_event_live_count(void)
 
 int vornhost_mutex_state(uint32_t h)
 {
-    const Ref object = find(h, Kind::kMutex);
-    if (!object) {
-        return -1;
-    }
-    std::lock_guard guard(object->state);
-    return object->destroyed ? -1 : (object->locked ? 1 : 0);
+    return inspect(h, Kind::kMutex, [](const SyncObject &o) { return o.locked ? 1 : 0; });
 }
 
 int vornhost_mutex_waiters(uint32_t h)
 {
-    const Ref object = find(h, Kind::kMutex);
-    if (!object) {
-        return -1;
-    }
-    std::lock_guard guard(object->state);
-    return static_cast<int>(object->waiters);
+    return inspect(h, Kind::kMutex, [](const SyncObject &o) { return static_cast<int>(o.waiters); });
 }
 
 int vornhost_event_waiters(uint32_t h)
 {
-    const Ref object = find(h, Kind::kEvent);
-    if (!object) {
-        return -1;
-    }
-    std::lock_guard guard(object->state);
-    return static_cast<int>(object->waiters);
+    return inspect(h, Kind::kEvent, [](const SyncObject &o) { return static_cast<int>(o.waiters); });
 }
 
 int vornhost_event_state(uint32_t h)
 {
-    const Ref object = find(h, Kind::kEvent);
-    if (!object) {
-        return -1;
-    }
-    std::lock_guard guard(object->state);
-    return object->destroyed ? -1 : (object->signalled ? 1 : 0);
+    return inspect(h, Kind::kEvent, [](const SyncObject &o) { return o.signalled ? 1 : 0; });
 }
 
 }  // extern "C"

@@ -5,7 +5,6 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <deque>
 #include <string>
 #include <vector>
 
@@ -25,7 +24,7 @@ struct Line {
 struct TraceState {
     std::mutex lock;
     bool capture = false;
-    std::deque<Line> lines;  // deque: elements never move, so text pointers stay valid
+    Journal<Line> lines;  // entries never move, so text pointers stay valid
     int32_t override_level = -1;
 };
 
@@ -69,23 +68,6 @@ bool format_text(const char *format, va_list args, std::string &out)
     return true;
 }
 
-void write_all(int fd, const std::string &data)
-{
-    const char *p = data.data();
-    size_t left = data.size();
-    while (left > 0) {
-        const ssize_t n = ::write(fd, p, left);
-        if (n < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            return;
-        }
-        p += n;
-        left -= static_cast<size_t>(n);
-    }
-}
-
 }  // namespace
 
 void trace_reset()
@@ -125,14 +107,13 @@ int32_t vornprintf(int32_t level, int32_t category, const char *format, ...)
             if (line.back() != '\n') {
                 line.push_back('\n');
             }
-            const std::string file = env("VORN_TRACE_FILE");
-            if (file.empty() || !append_to_file(file, line)) {
+            if (!append_to_env_file("VORN_TRACE_FILE", line)) {
                 write_all(STDERR_FILENO, line);
             }
         }
         const auto length = static_cast<int32_t>(text.size());
         if (s.capture) {
-            s.lines.push_back(Line{level, category, std::move(text)});
+            s.lines.add(Line{level, category, std::move(text)});
         }
         return length;
     } catch (...) {
@@ -149,33 +130,21 @@ void vornhost_trace_capture(int enable)
 
 void vornhost_trace_clear(void)
 {
-    TraceState &s = state();
-    std::lock_guard guard(s.lock);
-    s.lines.clear();
+    state().lines.clear();
 }
 
 uint32_t vornhost_trace_count(void)
 {
-    TraceState &s = state();
-    std::lock_guard guard(s.lock);
-    return static_cast<uint32_t>(s.lines.size());
+    return state().lines.count();
 }
 
 int vornhost_trace_get(uint32_t index, VornHostTraceLine *out)
 {
-    if (out == nullptr) {
-        return -1;
-    }
-    TraceState &s = state();
-    std::lock_guard guard(s.lock);
-    if (index >= s.lines.size()) {
-        return -1;
-    }
-    const Line &line = s.lines[index];
-    out->level = line.level;
-    out->category = line.category;
-    out->text = line.text.c_str();
-    return 0;
+    return state().lines.get(index, out, [](const Line &line, VornHostTraceLine &o) {
+        o.level = line.level;
+        o.category = line.category;
+        o.text = line.text.c_str();
+    });
 }
 
 void vornhost_trace_set_level(int32_t level)
