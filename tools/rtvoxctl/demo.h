@@ -43,6 +43,7 @@ void demo_start(Demo &demo);
 void demo_runtime(Demo &demo);
 void demo_sync(Demo &demo);
 void demo_cache(Demo &demo);
+void demo_events(Demo &demo);
 void demo_stop(Demo &demo);
 
 }  // namespace rtvoxctl
