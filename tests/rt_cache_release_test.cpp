@@ -1,27 +1,34 @@
 // The release walks: one run of records, one level of one controller, and the
 // whole cache at destroy.
-#include <gtest/gtest.h>
-
-#include <cstdint>
+#include <algorithm>
 #include <cwchar>
-#include <string>
+#include <vector>
 
 #include "rt_cache_fixtures.h"
-#include "rtvox/rt_cache.h"
-#include "testsupport.h"
-#include "vornhost/vornhost.h"
 
 using namespace rtvox::test;
 using namespace rtvox::test::cache;
 
 namespace {
 
+// Results of several calls, made in order (a braced list is evaluated left to right).
+using Codes = std::vector<int64_t>;
+
 wchar_t *heap_text(const wchar_t *text)
 {
     const size_t length = std::wcslen(text) + 1;
-    auto *copy = static_cast<wchar_t *>(rtvox_alloc(static_cast<uint32_t>(length * sizeof(wchar_t))));
-    std::wmemcpy(copy, text, length);
-    return copy;
+    return std::wmemcpy(static_cast<wchar_t *>(rtvox_alloc(static_cast<uint32_t>(length * sizeof(wchar_t)))), text,
+                        length);
+}
+
+// A record owning only its two head texts: three blocks.
+RtRecord *text_record(uint32_t objType)
+{
+    auto *record = static_cast<RtRecord *>(rtvox_alloc(RTRAID_RECORD_SIZE));
+    record->objType = objType;
+    record->NAME = heap_text(L"name");
+    record->hdr.FQDD = heap_text(L"fqdd");
+    return record;
 }
 
 int32_t free_run(void *records, uint32_t count)
@@ -36,44 +43,33 @@ int32_t free_run(void *records, uint32_t count)
 
 using CacheReleaseRun = CacheTest;
 
-TEST_F(CacheReleaseRun, AdapterCopyGivesBackEverythingAndTheSourceStaysIntact)
+TEST_F(CacheReleaseRun, EachRecordGivesBackWhatItsKindOwns)
 {
-    std::wstring name = L"RAID Controller in Slot 2";
-    std::wstring fqdd = L"RAID.Slot.2-1";
-    std::wstring slotText = L"slot text";
-    uint8_t entries[2 * 60] = {};
-    RtAdapter source{};
-    source.NAME = name.data();
-    source.hdr.FQDD = fqdd.data();
-    source.EXTRA = fqdd.data();
-    source.entryMask = 0x81;
-    source.entryArray = reinterpret_cast<RtAdapterEntry *>(entries);
-    for (RtAdapterTextSlot &slot : source.textSlots) {
-        slot.pText = slotText.data();
+    const int64_t empty = alloc_live();
+    void *const records[] = {cached_adapter(), cached_pd(4), cached_vd(1), text_record(RTRAID_OBJTYPE_ENCLOSURE),
+                             cached_battery()};
+    // Adapter: record, 3 texts, 8 slot texts, entries; disk: record, 2 texts,
+    // list, key id; virtual disk: record, 2 texts, target ids; others: record, 2 texts.
+    const int64_t blocks[] = {13, 5, 4, 3, 3};
+    int64_t live = alloc_live();
+    EXPECT_EQ(live, empty + 28);
+    for (size_t i = 0; i < 5; ++i) {
+        EXPECT_EQ(free_run(records[i], 1), 0);
+        EXPECT_EQ(live - alloc_live(), blocks[i]) << i;
+        live = alloc_live();
     }
-    const int64_t before = alloc_live();
-    RtAdapter *copy = DupAdapter(&source);
-    ASSERT_NE(copy, nullptr);
-    EXPECT_EQ(alloc_live(), before + 13);  // record, 3 texts, 8 slot texts, entries
-    trace_start();
-    EXPECT_EQ(free_run(copy, 1), 0);
-    EXPECT_EQ(alloc_live(), before);
-    EXPECT_TRUE(trace_has(4, "--> enter with obj addr:"));
-    EXPECT_TRUE(trace_has(4, "<-- exit"));
-    EXPECT_EQ(name, L"RAID Controller in Slot 2");
-    EXPECT_EQ(source.textSlots[7].pText, slotText.data());
-    EXPECT_EQ(slotText, L"slot text");
-}
+    EXPECT_TRUE(trace_has(5, "OBJTYPE is PHYSICALDISK") && trace_has(5, "OBJTYPE is LOGICALDISK") &&
+                trace_has(5, "OBJTYPE is ENCLOSURE"));
+    EXPECT_TRUE(trace_has(4, "--> enter with obj addr:") && trace_has(4, "<-- exit"));
 
-TEST_F(CacheReleaseRun, DiskCopiedFromVersionZeroTakesTheSharedFqddWithIt)
-{
+    // A disk copied from a version-0 source shares the source's FQDD and takes it along.
     std::wstring name = L"Physical Disk 0:1:4";
     char keyId[RTRAID_KEYID_SIZE] = "KEY";
     uint32_t list[3] = {1, 2, 3};
     RtPhysicalDisk source{};
     source.objType = RTRAID_OBJTYPE_PHYSICALDISK;
     source.NAME = name.data();
-    source.hdr.FQDD = heap_text(L"Disk.Bay.4:Enclosure.Internal.0-1:RAID.Slot.1-1");  // version 0
+    source.hdr.FQDD = heap_text(L"Disk.Bay.4:Enclosure.Internal.0-1:RAID.Slot.1-1");
     source.listCount = 3;
     source.listEntries = list;
     source.keyId = keyId;
@@ -82,178 +78,104 @@ TEST_F(CacheReleaseRun, DiskCopiedFromVersionZeroTakesTheSharedFqddWithIt)
     ASSERT_EQ(rtraid_dupPD(&source, copy), 0);
     EXPECT_EQ(copy->hdr.FQDD, source.hdr.FQDD);
     EXPECT_EQ(alloc_live(), before + 4);  // record, name, list, key id
-    trace_start();
     EXPECT_EQ(free_run(copy, 1), 0);
     EXPECT_EQ(alloc_live(), before - 1);  // the source's FQDD went too
-    EXPECT_TRUE(trace_has(5, "OBJTYPE is PHYSICALDISK"));
-    EXPECT_EQ(list[2], 3u);
-}
 
-TEST_F(CacheReleaseRun, VirtualDiskAndEnclosureReleaseTheirOwnMembers)
-{
-    const int64_t before = alloc_live();
-    RtVirtualDisk *disk = cached_vd(1);
-    EXPECT_EQ(alloc_live(), before + 4);  // record, name, FQDD, target ids
-    EXPECT_EQ(free_run(disk, 1), 0);
-    EXPECT_TRUE(trace_has(5, "OBJTYPE is LOGICALDISK"));
-
-    std::wstring name = L"Backplane";
-    std::wstring fqdd = L"Enclosure.Internal.0-1";
-    RtEnclosure source{};
-    source.objType = RTRAID_OBJTYPE_ENCLOSURE;
-    source.NAME = name.data();
-    source.hdr.VERSION = 1;
-    source.hdr.FQDD = fqdd.data();
-    auto *enclosure = static_cast<RtEnclosure *>(rtvox_alloc(RTRAID_RECORD_SIZE));
-    ASSERT_EQ(rtraid_dupEnclosure(&source, enclosure), 0);
-    EXPECT_EQ(free_run(enclosure, 1), 0);
-    EXPECT_TRUE(trace_has(5, "OBJTYPE is ENCLOSURE"));
-    EXPECT_EQ(alloc_live(), before);
-}
-
-TEST_F(CacheReleaseRun, ARunOfRecordsIsOneBlockAndEveryRecordIsWalked)
-{
-    const int64_t before = alloc_live();
+    // A run is one block and every record is walked by its own kind: the
+    // middle one is no disk, so the word where a disk keeps its key id is not freed.
     auto *run = static_cast<RtPhysicalDisk *>(rtvox_alloc(3 * RTRAID_RECORD_SIZE));
     for (int i = 0; i < 3; ++i) {
-        run[i].objType = RTRAID_OBJTYPE_PHYSICALDISK;
+        run[i].objType = i == 1 ? 7 : RTRAID_OBJTYPE_PHYSICALDISK;
         run[i].NAME = heap_text(L"disk");
-        run[i].keyId = static_cast<char *>(rtvox_alloc(RTRAID_KEYID_SIZE));
+        run[i].keyId = i == 1 ? keyId : static_cast<char *>(rtvox_alloc(RTRAID_KEYID_SIZE));
     }
-    run[1].objType = 7;  // a record of another kind in the middle: head texts only
-    rtvox_free(run[1].keyId);
-    run[1].keyId = nullptr;
-    EXPECT_EQ(alloc_live(), before + 6);
+    EXPECT_EQ(alloc_live(), before + 5);
     EXPECT_EQ(free_run(run, 3), 0);
-    EXPECT_EQ(alloc_live(), before);
-}
+    EXPECT_EQ(alloc_live(), before - 1);
 
-TEST_F(CacheReleaseRun, MarkedBlockIsRefusedAndNullIsHarmless)
-{
-    auto *record = static_cast<RtRecord *>(rtvox_alloc(RTRAID_RECORD_SIZE));
-    record->objType = static_cast<uint32_t>(-2);
-    record->NAME = heap_text(L"kept");
-    const int64_t before = alloc_live();
-    EXPECT_EQ(free_run(record, 1), 2);
-    EXPECT_EQ(alloc_live(), before);
-    EXPECT_STREQ(record->NAME, L"kept");
-    EXPECT_EQ(free_run(nullptr, 4), 0);
-    record->objType = 9;
-    EXPECT_EQ(free_run(record, 1), 0);
-    EXPECT_EQ(alloc_live(), before - 2);
+    // A block marked -2 is no run of records: nothing is freed. Null: nothing to free.
+    RtRecord *marked = text_record(static_cast<uint32_t>(-2));
+    EXPECT_EQ((Codes{free_run(marked, 1), free_run(nullptr, 4), alloc_live() - before}), (Codes{2, 0, 2}));
+    EXPECT_STREQ(marked->NAME, L"name");
+    marked->objType = 9;
+    EXPECT_EQ(free_run(marked, 1), 0);
+    EXPECT_EQ(alloc_live(), before - 1);
 }
 
 // ---- one level of one controller ----------------------------------------------------------
 
-class CacheReleaseLevel : public CacheTest {
-protected:
-    void SetUp() override
-    {
-        CacheTest::SetUp();
-        add_eid(0, 7);                            // a TAVO controller in slot 0
-        add_eid(1, 9, RTCACHE_EIDTYPE_HBA);       // an HBA in slot 1
-        add_eid(2, 12, RTCACHE_EIDTYPE_PCIESSD);  // a PCIe SSD subsystem in slot 2
-    }
-    // A node, four disks and two virtual disks for the EID.
-    static void fill(uint8_t eid)
-    {
-        ASSERT_EQ(store(RTCACHE_KEY_ADAPTER, eid, eid, cached_node()), 0u);
-        for (uint32_t key : {0u, 1u, 300u, 511u}) {
-            ASSERT_EQ(store(RTCACHE_KEY_PD, eid, key, cached_pd(key)), 0u);
-        }
-        for (uint32_t key : {0u, 253u}) {
-            ASSERT_EQ(store(RTCACHE_KEY_VD, eid, key, cached_vd(key)), 0u);
-        }
-    }
-    static int pds(int index)
-    {
-        int n = 0;
-        for (uint32_t key = 0; key < max_physicaldevices; ++key) {
-            n += cache_PDs[index][key] != nullptr;
-        }
-        return n;
-    }
-    static int vds(int index)
-    {
-        int n = 0;
-        for (uint32_t key = 0; key < max_logicaldevices; ++key) {
-            n += cache_VDs[index][key] != nullptr;
-        }
-        return n;
-    }
-};
+using CacheReleaseLevel = CacheTest;
 
-struct LevelCase {
-    uint32_t level;
-    bool node, adapter, battery, blocks;
-    int pds, vds;
-};
+// A node, four disks and two virtual disks for the EID.
+void fill(uint8_t eid)
+{
+    ASSERT_EQ(store(RTCACHE_KEY_ADAPTER, eid, eid, cached_node()), 0u);
+    for (uint32_t key : {0u, 1u, 300u, 511u}) {
+        ASSERT_EQ(store(RTCACHE_KEY_PD, eid, key, cached_pd(key)), 0u);
+    }
+    for (uint32_t key : {0u, 253u}) {
+        ASSERT_EQ(store(RTCACHE_KEY_VD, eid, key, cached_vd(key)), 0u);
+    }
+}
+
+int64_t filled(void ***table, int index, uint32_t columns)
+{
+    return std::count_if(table[index], table[index] + columns, [](void *slot) { return slot != nullptr; });
+}
+
+// The node words still set as bits 0-6: adapter, battery, driver, probe, PCI
+// information, adapter key, service data; -1 when there is no node.
+int64_t node_words(const RtCacheCtrlNode *node)
+{
+    if (node == nullptr) {
+        return -1;
+    }
+    const void *words[] = {node->pAdapter, node->pBattery,    node->pDriver,     node->pTempProbe,
+                           node->pPciInfo, node->pAdapterKey, node->pServiceData};
+    int64_t bits = 0;
+    for (int i = 0; i < 7; ++i) {
+        bits |= words[i] != nullptr ? 1 << i : 0;
+    }
+    return bits;
+}
 
 TEST_F(CacheReleaseLevel, EachLevelFreesItsShareOfATavoController)
 {
-    const LevelCase cases[] = {
-        {RTCACHE_LEVEL_CONTROLLER, false, false, false, false, 4, 2},
-        {RTCACHE_LEVEL_BATTERY, true, true, false, true, 4, 2},
-        {RTCACHE_LEVEL_PDS, true, true, true, true, 0, 2},
-        {RTCACHE_LEVEL_VDS, true, true, true, true, 4, 0},
-        {RTCACHE_LEVEL_PDS_RUNS, true, false, false, true, 0, 2},
-    };
+    // level, node words left, disks left, virtual disks left
+    const int64_t cases[][4] = {{1, -1, 4, 2}, {2, 0x7D, 4, 2}, {3, 0x7F, 0, 2}, {4, 0x7F, 4, 0}, {5, 0x70, 0, 2}};
+    add_eid(0, 7);  // a TAVO controller
     const int64_t empty = alloc_live();
-    for (const LevelCase &c : cases) {
-        SCOPED_TRACE(c.level);
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c[0]);
         fill(7);
-        EXPECT_EQ(rtcache_FreeObjectLevel(7, c.level), 0u);
-        RtCacheCtrlNode *node = cache_AllEIDs[7];
-        ASSERT_EQ(node != nullptr, c.node);
-        if (node != nullptr) {
-            EXPECT_EQ(node->pAdapter != nullptr, c.adapter);
-            EXPECT_EQ(node->pBattery != nullptr, c.battery);
-            EXPECT_EQ(node->pDriver != nullptr, c.adapter);  // the runs go together
-            EXPECT_EQ(node->pTempProbe != nullptr, c.adapter);
-            EXPECT_EQ(node->pPciInfo != nullptr, c.blocks);
-            EXPECT_EQ(node->pAdapterKey != nullptr, c.blocks);
-        }
-        EXPECT_EQ(pds(0), c.pds);
-        EXPECT_EQ(vds(0), c.vds);
+        EXPECT_EQ(rtcache_FreeObjectLevel(7, c[0]), 0u);
+        EXPECT_EQ((Codes{node_words(cache_AllEIDs[7]), filled(cache_PDs, 0, 512), filled(cache_VDs, 0, 254)}),
+                  (Codes{c[1], c[2], c[3]}));
         // Empty the controller again: nothing may be left over.
-        for (uint32_t level : {1u, 3u, 4u}) {
-            EXPECT_EQ(rtcache_FreeObjectLevel(7, level), 0u);
-        }
+        EXPECT_EQ((Codes{rtcache_FreeObjectLevel(7, 1), rtcache_FreeObjectLevel(7, 3), rtcache_FreeObjectLevel(7, 4)}),
+                  (Codes{0, 0, 0}));
         EXPECT_EQ(alloc_live(), empty);
     }
 }
 
-TEST_F(CacheReleaseLevel, OnlyTavoControllersAreFreed)
+TEST_F(CacheReleaseLevel, RefusalsFreeNothing)
 {
-    fill(9);
-    fill(12);
-    const int64_t live = alloc_live();
-    for (uint32_t eid : {9u, 12u}) {
-        for (uint32_t level = 1; level <= 5; ++level) {
-            EXPECT_EQ(rtcache_FreeObjectLevel(eid, level), 1u);
-        }
-    }
-    EXPECT_EQ(trace_count("Ignoring non-TAVOs"), 10);
-    EXPECT_EQ(alloc_live(), live);
-    EXPECT_EQ(pds(1), 4);
-    // The PCIe SSD node would outlive destroy: free it as a TAVO's.
-    ASSERT_EQ(rtcache_SetStorageEIDType(12, RTCACHE_EIDTYPE_TAVO), 0u);
-    EXPECT_EQ(rtcache_FreeObjectLevel(12, RTCACHE_LEVEL_CONTROLLER), 0u);
-}
-
-TEST_F(CacheReleaseLevel, BadArgumentsUnknownEidsAndLockFailure)
-{
+    add_eid(0, 7);
+    add_eid(1, 9, RTCACHE_EIDTYPE_HBA);
+    add_eid(2, 12, RTCACHE_EIDTYPE_PCIESSD);
     fill(7);
+    fill(9);
     const int64_t live = alloc_live();
-    EXPECT_EQ(rtcache_FreeObjectLevel(255, 1), 2u);
-    EXPECT_EQ(rtcache_FreeObjectLevel(7, 0), 2u);
-    EXPECT_EQ(rtcache_FreeObjectLevel(7, 6), 2u);
-    EXPECT_EQ(trace_count("<-- err null inputs"), 3);
-    EXPECT_EQ(rtcache_FreeObjectLevel(8, 1), 1u);
+    for (uint32_t level = 1; level <= 5; ++level) {  // only TAVO controllers are freed
+        EXPECT_EQ((Codes{rtcache_FreeObjectLevel(9, level), rtcache_FreeObjectLevel(12, level)}), (Codes{1, 1}));
+    }
+    EXPECT_EQ((Codes{trace_count("Ignoring non-TAVOs"), rtcache_FreeObjectLevel(255, 1), rtcache_FreeObjectLevel(7, 0),
+                     rtcache_FreeObjectLevel(7, 6), trace_count("<-- err null inputs"), rtcache_FreeObjectLevel(8, 1)}),
+              (Codes{10, 2, 2, 2, 3, 1}));
     EXPECT_TRUE(trace_has(2, "<-- rtcache_FreeObjectLevel error s32Temp 1"));
-    vornhost_fail(VORNHOST_SMMutexLock, 0, 1);
-    EXPECT_EQ(rtcache_FreeObjectLevel(7, 1), 3u);
-    EXPECT_TRUE(trace_has(1, "rt_cache.c:rtcache_FreeObjectLevel:"));
+    vornhost_fail(VORNHOST_SMMutexLock, 0, 2);
+    EXPECT_EQ((Codes{rtcache_FreeObjectLevel(7, 1), rtcache_FreeMem()}), (Codes{3, 3}));
+    EXPECT_TRUE(trace_has(1, "rt_cache.c:rtcache_FreeObjectLevel:") && trace_has(1, "rt_cache.c:rtcache_FreeMem:"));
     EXPECT_EQ(alloc_live(), live);
 }
 
@@ -261,81 +183,42 @@ TEST_F(CacheReleaseLevel, BadArgumentsUnknownEidsAndLockFailure)
 
 using CacheReleaseAll = CacheTest;
 
-TEST_F(CacheReleaseAll, DestroyGivesBackEveryKindOfCachedObject)
+TEST_F(CacheReleaseAll, DestroyGivesBackEverythingButPcieSsdNodesAndTheMembersOfUntypedNodes)
 {
     add_eid(0, 7);
     add_eid(5, 20, RTCACHE_EIDTYPE_MIRU);
-    ASSERT_EQ(store(RTCACHE_KEY_ADAPTER, 7, 7, cached_node()), 0u);
-    ASSERT_EQ(store(RTCACHE_KEY_ADAPTER, 20, 20, cached_node()), 0u);
-    ASSERT_EQ(store(RTCACHE_KEY_ADAPTER, 30, 30, cached_node(RTCACHE_NODE_HBA)), 0u);  // no registry entry needed
-    ASSERT_EQ(store(RTCACHE_KEY_PD, 20, 511, cached_pd(511)), 0u);
-    ASSERT_EQ(store(RTCACHE_KEY_VD, 7, 253, cached_vd(253)), 0u);
+    add_eid(6, 11, RTCACHE_EIDTYPE_PCIESSD);
+    add_eid(7, 12, RTCACHE_EIDTYPE_NVME);
     auto *extender = static_cast<RtCacheExtender *>(rtvox_alloc(sizeof(RtCacheExtender)));
     extender->pName = heap_text(L"PCIe Extender 3");
     extender->pFQDD = heap_text(L"PCIeExtender.Slot.3");
-    ASSERT_EQ(store(RTCACHE_KEY_PCIESSD_EXTENDER, 3, 16, extender), 0u);
     auto *backplane = static_cast<RtCacheBackplane *>(rtvox_alloc(sizeof(RtCacheBackplane)));
-    backplane->pEnclosure = static_cast<RtEnclosure *>(rtvox_alloc(RTRAID_RECORD_SIZE));
-    backplane->pEnclosure->NAME = heap_text(L"PCIe SSD BP 1");
-    backplane->pEnclosure->hdr.FQDD = heap_text(L"Enclosure.Internal.0-1");
-    ASSERT_EQ(store(RTCACHE_KEY_PCIESSD_BACKPLANE, 4, 4, backplane), 0u);  // the limit itself
-    ASSERT_EQ(store(RTCACHE_KEY_CMDSCOUNT, 0, 0, rtvox_alloc(4)), 0u);
-
-    rtcache_Destroy();
-    EXPECT_EQ(alloc_live(), 0);
-    EXPECT_TRUE(trace_has(5, "FreeingMemory EID=7 line:"));
-    EXPECT_TRUE(trace_has(4, "Adapter/battery EID=30 "));
-    EXPECT_TRUE(trace_has(5, "EID=20 physical device=511 "));
-    EXPECT_TRUE(trace_has(5, "EID=7 logical device=253"));
-    EXPECT_TRUE(trace_has(4, "Freeing PCIeSSD extenders"));
-    EXPECT_TRUE(trace_has(4, "Freeing PCIeSSD BPs"));
-    EXPECT_TRUE(trace_has(5, "Freeing Enclosure FQDD"));
-    EXPECT_TRUE(trace_has(5, "Freeing Enclosure NAME"));
-    for (uint32_t value : cache_CMDsCount) {
-        ASSERT_EQ(value, 0u);
-    }
-    EXPECT_EQ(cache_Extndrs[16], nullptr);
-    EXPECT_EQ(cache_Bkplanes[4], nullptr);
-    EXPECT_EQ(cache_Events_PD_ChObj_delayed, nullptr);
-}
-
-TEST_F(CacheReleaseAll, PcieSsdNodesStayAndUntypedNodesLoseOnlyTheNode)
-{
-    add_eid(0, 11, RTCACHE_EIDTYPE_PCIESSD);
-    add_eid(1, 12, RTCACHE_EIDTYPE_NVME);
+    backplane->pEnclosure = reinterpret_cast<RtEnclosure *>(text_record(RTRAID_OBJTYPE_ENCLOSURE));
     auto *pcie = static_cast<RtCacheCtrlNode *>(rtvox_alloc(RTCACHE_CTRL_NODE_SIZE));
     auto *nvme = static_cast<RtCacheCtrlNode *>(rtvox_alloc(RTCACHE_CTRL_NODE_SIZE));
     auto *untyped = static_cast<RtCacheCtrlNode *>(rtvox_alloc(RTCACHE_CTRL_NODE_SIZE));
-    void *member = rtvox_alloc(16);
-    untyped->pPciInfo = member;
-    ASSERT_EQ(store(RTCACHE_KEY_ADAPTER, 11, 11, pcie), 0u);
-    ASSERT_EQ(store(RTCACHE_KEY_ADAPTER, 12, 12, nvme), 0u);
-    ASSERT_EQ(store(RTCACHE_KEY_ADAPTER, 40, 40, untyped), 0u);  // EID 40 is not registered
-
+    void *member = untyped->pPciInfo = rtvox_alloc(16);
+    EXPECT_EQ((Codes{store(RTCACHE_KEY_ADAPTER, 7, 7, cached_node()), store(RTCACHE_KEY_ADAPTER, 20, 20, cached_node()),
+                     store(RTCACHE_KEY_ADAPTER, 30, 30, cached_node(RTCACHE_NODE_HBA)),  // needs no registry entry
+                     store(RTCACHE_KEY_ADAPTER, 11, 11, pcie), store(RTCACHE_KEY_ADAPTER, 12, 12, nvme),
+                     store(RTCACHE_KEY_ADAPTER, 40, 40, untyped),  // EID 40 is not registered
+                     store(RTCACHE_KEY_PD, 20, 511, cached_pd(511)), store(RTCACHE_KEY_VD, 7, 253, cached_vd(253)),
+                     store(RTCACHE_KEY_PCIESSD_EXTENDER, 3, 16, extender),
+                     store(RTCACHE_KEY_PCIESSD_BACKPLANE, 4, 4, backplane),  // the limit itself
+                     store(RTCACHE_KEY_CMDSCOUNT, 0, 0, rtvox_alloc(4))}),
+              (Codes{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
     rtcache_Destroy();
+    EXPECT_EQ(alloc_live(), 3);  // the two PCIe SSD nodes left in place and the untyped node's member
+    EXPECT_TRUE(cache_AllEIDs[11] == pcie && cache_AllEIDs[12] == nvme && cache_AllEIDs[40] == nullptr);
+    EXPECT_TRUE(cache_CMDsCount[0] == 0 && cache_Extndrs[16] == nullptr && cache_Bkplanes[4] == nullptr);
+    EXPECT_TRUE(trace_has(4, "Adapter/battery EID=30 ") && trace_has(5, "EID=20 physical device=511 "));
+    EXPECT_TRUE(trace_has(5, "Freeing Enclosure FQDD") && trace_has(5, "Freeing Enclosure NAME"));
     EXPECT_EQ(trace_count("It is a PCIeSSD EID, continue"), 2);
     EXPECT_TRUE(trace_has(1, "<-- error get Storage EID Fail"));
-    EXPECT_EQ(cache_AllEIDs[11], pcie);
-    EXPECT_EQ(cache_AllEIDs[12], nvme);
-    EXPECT_EQ(cache_AllEIDs[40], nullptr);
-    EXPECT_EQ(alloc_live(), 3);  // the two nodes left in place and the untyped node's member
-    rtvox_free(pcie);
-    rtvox_free(nvme);
-    rtvox_free(member);
-    cache_AllEIDs[11] = nullptr;
-    cache_AllEIDs[12] = nullptr;
-}
-
-TEST_F(CacheReleaseAll, LockFailureFreesNothing)
-{
-    add_eid(0, 7);
-    ASSERT_EQ(store(RTCACHE_KEY_ADAPTER, 7, 7, cached_node()), 0u);
-    const int64_t live = alloc_live();
-    vornhost_fail(VORNHOST_SMMutexLock, 0, 1);
-    EXPECT_EQ(rtcache_FreeMem(), 3);
-    EXPECT_TRUE(trace_has(1, "rt_cache.c:rtcache_FreeMem:"));
-    EXPECT_EQ(alloc_live(), live);
-    EXPECT_NE(cache_AllEIDs[7], nullptr);
+    for (void *block : {static_cast<void *>(pcie), static_cast<void *>(nvme), member}) {
+        rtvox_free(block);
+    }
+    cache_AllEIDs[11] = cache_AllEIDs[12] = nullptr;
 }
 
 }  // namespace

@@ -117,3 +117,34 @@ int trace_count(const std::string &needle)
 }
 
 }  // namespace rtvox::test
+
+// ---- concurrency tests ------------------------------------------------------------
+
+#include <unistd.h>
+
+#include <csignal>
+
+namespace rtvox::test {
+
+bool valgrind_run()
+{
+    const char *flag = std::getenv("RTVOX_UNDER_VALGRIND");
+    return flag != nullptr && flag[0] == '1';
+}
+
+TimeBound::TimeBound(unsigned seconds)
+{
+    std::signal(SIGALRM, [](int) {
+        static const char message[] = "time bound: the test overran its time bound\n";
+        (void)!write(STDERR_FILENO, message, sizeof message - 1);
+        _exit(3);
+    });
+    alarm(seconds);
+}
+
+TimeBound::~TimeBound()
+{
+    alarm(0);
+}
+
+}  // namespace rtvox::test

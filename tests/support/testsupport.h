@@ -78,3 +78,22 @@ bool trace_has(int level, const std::string &needle);
 int trace_count(const std::string &needle);
 
 }  // namespace rtvox::test
+
+namespace rtvox::test {
+
+// ---- concurrency tests ------------------------------------------------------------
+
+// True when the test runs under valgrind (RTVOX_UNDER_VALGRIND=1): use smaller counts.
+bool valgrind_run();
+
+// Ends the process (exit status 3) when the test overruns `seconds`, so that a
+// lock never given back cannot leave a thread waiting for ever. One at a time.
+class TimeBound {
+public:
+    explicit TimeBound(unsigned seconds);
+    ~TimeBound();
+    TimeBound(const TimeBound &) = delete;
+    TimeBound &operator=(const TimeBound &) = delete;
+};
+
+}  // namespace rtvox::test
