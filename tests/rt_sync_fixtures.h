@@ -4,10 +4,8 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <chrono>
-#include <csignal>
 #include <cstdlib>
 #include <regex>
 #include <string>
@@ -23,11 +21,10 @@ namespace rtvox::test::sync {
 using namespace std::chrono_literals;
 using namespace std::string_literals;
 
-// The i386-valgrind preset runs the *Concurrency suites under drd with this set.
+// The i386-valgrind preset runs the *Concurrency suites under drd.
 inline bool under_valgrind()
 {
-    const char *flag = std::getenv("RTVOX_UNDER_VALGRIND");
-    return flag != nullptr && flag[0] == '1';
+    return valgrind_run();
 }
 
 // The captured trace lines with the line numbers (of the head and of the
@@ -61,28 +58,22 @@ bool eventually(Done done, std::chrono::milliseconds bound = 5s)
 }
 
 // A private root, a fresh host emulation, counted allocations, trace capture,
-// and a watchdog that ends the process when a test overruns its bound (a lost
+// and a time bound that ends the process when a test overruns it (a lost
 // wake-up would otherwise leave a thread blocked for ever).
 class SyncFixture : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        std::signal(SIGALRM, [](int) {
-            static const char message[] = "watchdog: the test overran its time bound\n";
-            (void)!write(STDERR_FILENO, message, sizeof message - 1);
-            _exit(3);
-        });
-        alarm(under_valgrind() ? 500 : 90);
         vornhost_reset();
         alloc_reset();
         trace_start();
     }
     void TearDown() override
     {
-        alarm(0);
         alloc_fail_clear();
         vornhost_fail_clear();
     }
+    TimeBound bound{under_valgrind() ? 500u : 90u};
     TempRoot root;
 };
 
