@@ -87,6 +87,31 @@ bool table_usable(void ***table)
     return table != nullptr && (max_adapters == 0 || table[0] != nullptr);
 }
 
+// The slot of disk or virtual disk `key` in the row of EID's adapter, for the
+// store and the fetch: 1 for an unregistered EID or a missing table, 2 for a
+// key not below `limit`. `function` is the caller the trace lines name; the
+// store also traces the limit under its global's name (`limit_name`).
+uint32_t adapter_row_slot(void ***table, uint32_t limit, const char *limit_name, uint32_t EID, uint32_t key,
+                          const char *function, void ***slot)
+{
+    const int32_t index = GetIndexFromEID(EID);
+    if (index < 0 || static_cast<uint32_t>(index) >= max_adapters) {
+        RT_TRACE_AS(function, 5, "<-- %s error s32Temp %d", function, index);
+        return 1;
+    }
+    if (limit_name != nullptr) {
+        RT_TRACE_AS(function, 5, "--> %s:%d", limit_name, static_cast<int>(limit));
+    }
+    if (key >= limit) {
+        return 2;
+    }
+    if (!table_usable(table)) {
+        return 1;
+    }
+    *slot = &table[index][key];
+    return 0;
+}
+
 // A value slot handed out through the fetch's pointer argument.
 void *value_as_pointer(uint32_t value)
 {
@@ -415,36 +440,22 @@ uint32_t rtcache_SetCachedObject(RtCacheKeyType keyType, uint32_t EID, uint32_t 
             cache_AllEIDs[key] = static_cast<RtCacheCtrlNode *>(pObjectToBeCached);
             return 0;
         case RTCACHE_KEY_PD: {
-            const int32_t index = GetIndexFromEID(EID);
-            if (index < 0 || static_cast<uint32_t>(index) >= max_adapters) {
-                RT_TRACE(5, "<-- %s error s32Temp %d", __func__, index);
-                return 1;
+            void **slot = nullptr;
+            const uint32_t status =
+                adapter_row_slot(cache_PDs, max_physicaldevices, "max_physicaldevices", EID, key, __func__, &slot);
+            if (status == 0) {
+                *slot = pObjectToBeCached;
             }
-            RT_TRACE(5, "--> max_physicaldevices:%d", static_cast<int>(max_physicaldevices));
-            if (key >= max_physicaldevices) {
-                return 2;
-            }
-            if (!table_usable(cache_PDs)) {
-                return 1;
-            }
-            cache_PDs[index][key] = pObjectToBeCached;
-            return 0;
+            return status;
         }
         case RTCACHE_KEY_VD: {
-            const int32_t index = GetIndexFromEID(EID);
-            if (index < 0 || static_cast<uint32_t>(index) >= max_adapters) {
-                RT_TRACE(5, "<-- %s error s32Temp %d", __func__, index);
-                return 1;
+            void **slot = nullptr;
+            const uint32_t status =
+                adapter_row_slot(cache_VDs, max_logicaldevices, "max_logicaldevices", EID, key, __func__, &slot);
+            if (status == 0) {
+                *slot = pObjectToBeCached;
             }
-            RT_TRACE(5, "--> max_logicaldevices:%d", static_cast<int>(max_logicaldevices));
-            if (key >= max_logicaldevices) {
-                return 2;
-            }
-            if (!table_usable(cache_VDs)) {
-                return 1;
-            }
-            cache_VDs[index][key] = pObjectToBeCached;
-            return 0;
+            return status;
         }
         case RTCACHE_KEY_PCIESSD_BACKPLANE:
             RT_TRACE(4, "%s max_pciessd_backplanes=%d u16ObjKey=%d %d", kPcieSsdTag,
@@ -500,34 +511,21 @@ uint32_t rtcache_GetCachedObject(RtCacheKeyType keyType, uint32_t EID, uint32_t 
             *ppObject = cache_AllEIDs[key];
             return 0;
         case RTCACHE_KEY_PD: {
-            const int32_t index = GetIndexFromEID(EID);
-            if (index < 0 || static_cast<uint32_t>(index) >= max_adapters) {
-                RT_TRACE(5, "<-- %s error s32Temp %d", __func__, index);
-                return 1;
+            void **slot = nullptr;
+            const uint32_t status =
+                adapter_row_slot(cache_PDs, max_physicaldevices, nullptr, EID, key, __func__, &slot);
+            if (status == 0) {
+                *ppObject = *slot;
             }
-            if (key >= max_physicaldevices) {
-                return 2;
-            }
-            if (!table_usable(cache_PDs)) {
-                return 1;
-            }
-            *ppObject = cache_PDs[index][key];
-            return 0;
+            return status;
         }
         case RTCACHE_KEY_VD: {
-            const int32_t index = GetIndexFromEID(EID);
-            if (index < 0 || static_cast<uint32_t>(index) >= max_adapters) {
-                RT_TRACE(5, "<-- %s error s32Temp %d", __func__, index);
-                return 1;
+            void **slot = nullptr;
+            const uint32_t status = adapter_row_slot(cache_VDs, max_logicaldevices, nullptr, EID, key, __func__, &slot);
+            if (status == 0) {
+                *ppObject = *slot;
             }
-            if (key >= max_logicaldevices) {
-                return 2;
-            }
-            if (!table_usable(cache_VDs)) {
-                return 1;
-            }
-            *ppObject = cache_VDs[index][key];
-            return 0;
+            return status;
         }
         case RTCACHE_KEY_PCIESSD_BACKPLANE: {
             RT_TRACE(4, "%s max_pciessd_backplanes=%d u16ObjKey=%d %d", kPcieSsdTag,
