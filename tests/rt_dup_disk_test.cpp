@@ -1,392 +1,46 @@
 // Disk, enclosure and foreign-configuration record copies.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <string>
-
 #include "rt_dup_fixtures.h"
 
-using namespace rtvox::test;
 using namespace rtvox::test::dup;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 
 namespace {
 
-// A physical disk owning every member: version 1, a list of three values and
-// a 256-byte keyId buffer with bytes after its terminator.
-struct DiskSource {
-    Texts texts;
-    RtPhysicalDisk rec{};
-    uint32_t list[3]{0x11, 0x22, 0x33};
-    char key[256]{};
+using DiskCopy = DupTest;
 
-    DiskSource()
-    {
-        fill_pattern(rec);
-        rec.objType = RTRAID_OBJTYPE_PHYSICALDISK;
-        rec.NAME = texts(L"Physical Disk 0:1:4");
-        rec.hdr.VERSION = 1;
-        rec.hdr.FQDD = texts(L"Disk.Bay.4:Enclosure.Internal.0-1:RAID.Slot.4-1");
-        rec.listCount = 3;
-        rec.listEntries = list;
-        std::memset(key, 'z', sizeof(key));
-        std::memcpy(key, "KEY-0042", 9);
-        rec.keyId = key;
-    }
-};
-
-std::unique_ptr<RtPhysicalDisk, void (*)(void *)> new_disk()
-{
-    return {static_cast<RtPhysicalDisk *>(rtvox_alloc(sizeof(RtPhysicalDisk))), release_copy};
-}
-
-using PhysicalDiskCopy = DupTest;
-
-TEST_F(PhysicalDiskCopy, OwnsEveryMemberAndReleasesToNothing)
-{
-    DiskSource src;
-    const auto before = bytes_of(src.rec);
-    auto *dest = static_cast<RtPhysicalDisk *>(rtvox_alloc(sizeof(RtPhysicalDisk)));
-
-    EXPECT_EQ(rtraid_dupPD(&src.rec, dest), 0);
-    expect_same_plain_bytes(dest, &src.rec, 512, {8, 20, 384, 504});
-    expect_own_text(dest->NAME, src.rec.NAME);
-    expect_own_text(dest->hdr.FQDD, src.rec.hdr.FQDD);
-    ASSERT_NE(dest->listEntries, nullptr);
-    EXPECT_NE(dest->listEntries, src.list);
-    EXPECT_EQ(bytes_of(dest->listEntries, 12), bytes_of(src.list));
-
-    // keyId: the 256 source bytes, with one more zero byte just past the text's terminator.
-    ASSERT_NE(dest->keyId, nullptr);
-    EXPECT_NE(dest->keyId, src.key);
-    std::string want(src.key, sizeof(src.key));
-    want[9] = '\0';
-    EXPECT_EQ(std::string(dest->keyId, 256), want);
-    const auto text_bytes = [](const wchar_t *text) { return static_cast<int64_t>(std::wcslen(text) + 1) * 4; };
-    EXPECT_EQ(alloc_live_bytes(), 512 + text_bytes(src.rec.NAME) + text_bytes(src.rec.hdr.FQDD) + 12 + 256);
-
-    const auto lines = trace_lines();
-    ASSERT_EQ(lines.size(), 3u);
-    EXPECT_TRUE(carries_own_line_number(lines[0], "rtraid_dupPD", "Inside DUPd Func ")) << lines[0];
-    EXPECT_THAT(lines[1], HasSubstr(":PCIeSSD hdr.FQDD=Disk.Bay.4:Enclosure.Internal.0-1:RAID.Slot.4-1 "
-                                    "NAME=Physical Disk 0:1:4 pDestPD->hdr.VERSION=1"));
-    EXPECT_THAT(lines[2], HasSubstr(":rtraid_dupPD pSrcPD->keyId = KEY-0042 , pDestPD->keyId = KEY-0042"));
-    EXPECT_THAT(root.read("/var/log/rtvox.log"), HasSubstr("[rtraid_dupPD] rtraid_dupPD pSrcPD->keyId = KEY-0042"));
-
-    release_copy(dest);
-    EXPECT_EQ(alloc_live(), 0);
-    EXPECT_EQ(bytes_of(src.rec), before);
-    EXPECT_EQ(src.key[9], 'z');
-    EXPECT_TRUE(src.texts.unchanged());
-}
-
-TEST_F(PhysicalDiskCopy, VersionZeroAndEmptyListShareTheSourcePointers)
-{
-    // The shared members are library blocks here, because releasing the copy frees them.
-    DiskSource src;
-    src.rec.hdr.VERSION = 0;
-    src.rec.hdr.FQDD = static_cast<wchar_t *>(rtvox_alloc(8 * 4));
-    std::wcscpy(src.rec.hdr.FQDD, L"Disk.0");
-    src.rec.listCount = 0;
-    src.rec.listEntries = static_cast<uint32_t *>(rtvox_alloc(4));
-    src.rec.keyId = nullptr;
-
-    auto dest = new_disk();
-    EXPECT_EQ(rtraid_dupPD(&src.rec, dest.get()), 0);
-    EXPECT_EQ(dest->hdr.FQDD, src.rec.hdr.FQDD);
-    EXPECT_EQ(dest->listEntries, src.rec.listEntries);
-    EXPECT_EQ(dest->keyId, nullptr);
-    EXPECT_EQ(alloc_calls(), 4u);  // the two shared blocks, the destination, NAME
-    EXPECT_THAT(trace_lines().back(), HasSubstr("pSrcPD->keyId = (null) , pDestPD->keyId = (null)"));
-
-    // Releasing the copy gives back the shared blocks too: the source must not use them any more.
-    dest.reset();
-    EXPECT_EQ(alloc_live(), 0);
-}
-
-TEST_F(PhysicalDiskCopy, EveryFailingAllocationLeavesOnlyItsMemberNull)
-{
-    DiskSource src;
-    const auto before = bytes_of(src.rec);
-    for (uint32_t k = 0; k < 4; ++k) {
-        SCOPED_TRACE(k);
-        alloc_reset();
-        auto dest = new_disk();
-        alloc_fail(k, 1);
-        EXPECT_EQ(rtraid_dupPD(&src.rec, dest.get()), 0);
-        EXPECT_EQ(alloc_calls(), 5u);
-        alloc_fail_clear();
-        EXPECT_EQ(dest->NAME == nullptr, k == 0);
-        EXPECT_EQ(dest->listEntries == nullptr, k == 1);
-        EXPECT_EQ(dest->hdr.FQDD == nullptr, k == 2);
-        EXPECT_EQ(dest->keyId == nullptr, k == 3);
-        dest.reset();
-        EXPECT_EQ(alloc_live(), 0);
-        EXPECT_EQ(bytes_of(src.rec), before);
-    }
-}
-
-TEST_F(PhysicalDiskCopy, KeyIdFillingItsWholeBufferStaysInside)
-{
-    DiskSource src;
-    std::memset(src.key, 'k', sizeof(src.key));  // no terminator at all
-    auto dest = new_disk();
-    EXPECT_EQ(rtraid_dupPD(&src.rec, dest.get()), 0);
-    EXPECT_EQ(std::string(dest->keyId, 256), std::string(256, 'k'));
-    EXPECT_THAT(trace_lines().back(), HasSubstr("pDestPD->keyId = " + std::string(256, 'k')));
-
-    std::memset(src.key, 'k', 255);  // terminator in the last byte
-    src.key[255] = '\0';
-    auto dest2 = new_disk();
-    EXPECT_EQ(rtraid_dupPD(&src.rec, dest2.get()), 0);
-    EXPECT_EQ(std::string(dest2->keyId, 256), std::string(src.key, 256));
-}
-
-TEST_F(PhysicalDiskCopy, NullArgumentsAreRefusedWithoutATrace)
-{
-    DiskSource src;
-    RtPhysicalDisk dest{};
-    EXPECT_EQ(rtraid_dupPD(nullptr, &dest), -1);
-    EXPECT_EQ(rtraid_dupPD(&src.rec, nullptr), -1);
-    EXPECT_TRUE(trace_lines().empty());
-    EXPECT_EQ(alloc_calls(), 0u);
-}
-
-// ---- virtual disk ----------------------------------------------------------------------
-
-struct VirtualDiskSource {
-    Texts texts;
-    RtVirtualDisk rec{};
-    int32_t ids[3]{7, -1, 300};
-
-    VirtualDiskSource()
-    {
-        fill_pattern(rec);
-        rec.objType = RTRAID_OBJTYPE_LOGICALDISK;
-        rec.NAME = texts(L"Virtual Disk 1");
-        rec.hdr.VERSION = 0;  // copied whatever the version
-        rec.hdr.FQDD = texts(L"Disk.Virtual.1:RAID.Slot.4-1");
-        rec.Size = 1ull << 40;
-        rec.targetCount = 3;
-        rec.targetIDs = ids;
-    }
-};
-
-using VirtualDiskCopy = DupTest;
-
-TEST_F(VirtualDiskCopy, OwnsEveryMemberAndTracesEachTarget)
-{
-    VirtualDiskSource src;
-    const auto before = bytes_of(src.rec);
-    auto *dest = static_cast<RtVirtualDisk *>(rtvox_alloc(sizeof(RtVirtualDisk)));
-    rtraid_DupVD(&src.rec, dest);
-
-    expect_same_plain_bytes(dest, &src.rec, 512, {8, 20, 504});
-    expect_own_text(dest->NAME, src.rec.NAME);
-    expect_own_text(dest->hdr.FQDD, src.rec.hdr.FQDD);
-    ASSERT_NE(dest->targetIDs, nullptr);
-    EXPECT_NE(dest->targetIDs, src.ids);
-    EXPECT_EQ(bytes_of(dest->targetIDs, 12), bytes_of(src.ids));
-    EXPECT_THAT(traced("rtraid_DupVD"),
-                ElementsAre("L4 --> rtraid_DupVD", "L4 VD Size=1099511627776 ", "L4 PD targetID=7 ",
-                            "L4 PD targetID=-1 ", "L4 PD targetID=300 ", "L4 <-- rtraid_DupVD"));
-    EXPECT_THAT(root.read("/var/log/rtvox.log"), HasSubstr("[rtraid_DupVD] PD targetID=300 \n"));
-
-    release_copy(dest);
-    EXPECT_EQ(alloc_live(), 0);
-    EXPECT_EQ(bytes_of(src.rec), before);
-    EXPECT_TRUE(src.texts.unchanged());
-}
-
-TEST_F(VirtualDiskCopy, NoTargetsMeansNoArrayEvenWhenTheSourceHasOne)
-{
-    VirtualDiskSource src;
-    src.rec.targetCount = 0;
-    auto *dest = static_cast<RtVirtualDisk *>(rtvox_alloc(sizeof(RtVirtualDisk)));
-    rtraid_DupVD(&src.rec, dest);
-    EXPECT_EQ(dest->targetIDs, nullptr);
-    EXPECT_EQ(traced("rtraid_DupVD").size(), 2u);  // no size or target lines
-    release_copy(dest);
-    EXPECT_EQ(alloc_live(), 0);
-}
-
-TEST_F(VirtualDiskCopy, EveryFailingAllocationLeavesOnlyItsMemberNull)
-{
-    VirtualDiskSource src;
-    for (uint32_t k = 0; k < 3; ++k) {
-        SCOPED_TRACE(k);
-        alloc_reset();
-        trace_start();
-        auto *dest = static_cast<RtVirtualDisk *>(rtvox_alloc(sizeof(RtVirtualDisk)));
-        alloc_fail(k, 1);
-        rtraid_DupVD(&src.rec, dest);
-        alloc_fail_clear();
-        EXPECT_EQ(dest->NAME == nullptr, k == 0);
-        EXPECT_EQ(dest->hdr.FQDD == nullptr, k == 1);
-        EXPECT_EQ(dest->targetIDs == nullptr, k == 2);
-        EXPECT_EQ(dest->targetCount, 3u);
-        EXPECT_EQ(traced("rtraid_DupVD").size(), k == 2 ? 2u : 6u);
-        release_copy(dest);
-        EXPECT_EQ(alloc_live(), 0);
-    }
-}
-
-TEST_F(VirtualDiskCopy, NullArgumentCopiesNothing)
-{
-    VirtualDiskSource src;
-    RtVirtualDisk dest{};
-    fill_pattern(dest, 99);
-    const auto before = bytes_of(dest);
-    rtraid_DupVD(nullptr, &dest);
-    rtraid_DupVD(&src.rec, nullptr);
-    EXPECT_EQ(bytes_of(dest), before);
-    EXPECT_THAT(traced("rtraid_DupVD"), ElementsAre("L4 --> rtraid_DupVD", "L2 <--error1 rtraid_DupVD",
-                                                    "L4 --> rtraid_DupVD", "L2 <--error1 rtraid_DupVD"));
-    EXPECT_EQ(alloc_calls(), 0u);
-}
-
-// ---- enclosure and its elements -----------------------------------------------------------
-
-struct ElementCopy {
-    const char *name;
-    int32_t (*dup)(const RtRecord *, RtRecord *);
-};
-
-class EnclosureCopy : public DupTest, public ::testing::WithParamInterface<ElementCopy> {};
-
-int32_t dup_enclosure_as_record(const RtRecord *src, RtRecord *dest)
+int32_t dup_enclosure(const RtRecord *src, RtRecord *dest)
 {
     return rtraid_dupEnclosure(reinterpret_cast<const RtEnclosure *>(src), reinterpret_cast<RtEnclosure *>(dest));
 }
 
-TEST_P(EnclosureCopy, FqddIsSharedAtVersionZeroAndOwnedOtherwise)
-{
-    Texts texts;
-    RtRecord src{};
-    fill_pattern(src);
-    src.objType = RTRAID_OBJTYPE_ENCLOSURE;
-    src.NAME = texts(L"Backplane 1");
-    src.hdr.FQDD = texts(L"Enclosure.Internal.0-1:RAID.Slot.4-1");
-    src.hdr.VERSION = 0;
-    const auto before = bytes_of(src);
-
-    for (uint32_t version : {0u, 1u}) {
-        SCOPED_TRACE(version);
-        src.hdr.VERSION = version;
-        auto *dest = static_cast<RtRecord *>(rtvox_alloc(512));
-        EXPECT_EQ(GetParam().dup(&src, dest), 0);
-        expect_same_plain_bytes(dest, &src, 512, {8, 20});
-        expect_own_text(dest->NAME, src.NAME);
-        if (version == 0) {
-            EXPECT_EQ(dest->hdr.FQDD, src.hdr.FQDD);
-            dest->hdr.FQDD = nullptr;  // shared: not the copy's to give back
-        } else {
-            expect_own_text(dest->hdr.FQDD, src.hdr.FQDD);
-        }
-        release_copy(dest);
-        EXPECT_EQ(alloc_live(), 0);
-    }
-    src.hdr.VERSION = 0;
-    EXPECT_EQ(bytes_of(src), before);
-    EXPECT_TRUE(texts.unchanged());
-
-    // Failing NAME, then FQDD, at version 1.
-    src.hdr.VERSION = 1;
-    for (uint32_t k = 0; k < 2; ++k) {
-        alloc_reset();
-        RtRecord dest{};
-        alloc_fail(k, 1);
-        EXPECT_EQ(GetParam().dup(&src, &dest), 0);
-        alloc_fail_clear();
-        EXPECT_EQ(dest.NAME == nullptr, k == 0);
-        EXPECT_EQ(dest.hdr.FQDD == nullptr, k == 1);
-        rtvox_free(dest.NAME);
-        rtvox_free(dest.hdr.FQDD);
-        EXPECT_EQ(alloc_live(), 0);
-    }
-
-    RtRecord dest{};
-    EXPECT_EQ(GetParam().dup(nullptr, &dest), -1);
-    EXPECT_EQ(GetParam().dup(&src, nullptr), -1);
-}
-
-INSTANTIATE_TEST_SUITE_P(EnclosureAndElements, EnclosureCopy,
-                         ::testing::Values(ElementCopy{"Enclosure", dup_enclosure_as_record},
-                                           ElementCopy{"EMM", rtraid_dupEMM}, ElementCopy{"FAN", rtraid_dupFAN},
-                                           ElementCopy{"PSU", rtraid_dupPSU},
-                                           ElementCopy{"TEMPPROBE", rtraid_dupTEMPPROBE}),
-                         [](const auto &param_info) { return std::string(param_info.param.name); });
-
-using EnclosureTrace = DupTest;
-
-TEST_F(EnclosureTrace, OnlyTheEnclosureCopyTraces)
-{
-    Texts texts;
-    RtEnclosure enclosure{};
-    enclosure.objType = RTRAID_OBJTYPE_ENCLOSURE;
-    enclosure.Position = 2;
-    enclosure.NAME = texts(L"Backplane 1");
-    RtEnclosure dest{};
-    EXPECT_EQ(rtraid_dupEnclosure(&enclosure, &dest), 0);
-    EXPECT_EQ(dest.Position, 2);
-    rtvox_free(dest.NAME);
-    EXPECT_THAT(traced("rtraid_dupEnclosure"),
-                ElementsAre("L4 DUPE-ENCLOSURE After copy NAME=Backplane 1", "L4 <-- rtraid_dupEnclosure"));
-
-    // A failed NAME copy is traced as such.
-    trace_start();
-    alloc_fail(0, 1);
-    EXPECT_EQ(rtraid_dupEnclosure(&enclosure, &dest), 0);
-    EXPECT_EQ(traced("rtraid_dupEnclosure").front(), "L4 DUPE-ENCLOSURE After copy NAME=(null)");
-
-    trace_start();
-    RtRecord element{};
-    RtRecord element_dest{};
-    rtraid_dupEMM(&element, &element_dest);
-    rtraid_dupFAN(&element, &element_dest);
-    rtraid_dupPSU(&element, &element_dest);
-    rtraid_dupTEMPPROBE(&element, &element_dest);
-    rtraid_dupEnclosure(nullptr, &dest);
-    EXPECT_TRUE(trace_lines().empty());
-}
-
-// ---- foreign configuration ------------------------------------------------------------------
-
-// Two virtual disks and three physical disks, every embedded member set.
+// Two virtual disks and three physical disks with every embedded member set.
 struct ForeignSource {
-    Texts texts;
-    RtForeignConfig rec{};
-    RtVirtualDisk vds[2]{};
-    RtPhysicalDisk pds[3]{};
-    int32_t ids[2][2]{{0, 1}, {2, 3}};
-    uint32_t list[2]{5, 6};
-    char key[256] = "FOREIGN-KEY";
+    RtForeignConfig rec;
+    RtVirtualDisk vds[2];
+    RtPhysicalDisk pds[3];
+    int32_t ids[2][2];
+    uint32_t list[2];
+    char key[256];
 
-    ForeignSource()
+    explicit ForeignSource(Texts &texts)
     {
-        fill_pattern(rec);
+        fill_pattern(*this);  // the disks' plain fields, the ids, the shared list and key
         for (int i = 0; i < 2; ++i) {
-            fill_pattern(vds[i], static_cast<uint8_t>(i + 20));
             vds[i].NAME = texts(L"Foreign VD " + std::to_wstring(i));
             vds[i].hdr.FQDD = texts(L"Disk.Virtual." + std::to_wstring(i));
             vds[i].targetCount = 2;
             vds[i].targetIDs = ids[i];
         }
         for (int i = 0; i < 3; ++i) {
-            fill_pattern(pds[i], static_cast<uint8_t>(i + 40));
             pds[i].NAME = texts(L"Foreign PD " + std::to_wstring(i));
             pds[i].hdr.FQDD = texts(L"Disk.Bay." + std::to_wstring(i));
-            pds[i].id = static_cast<uint32_t>(5 + i);
-            pds[i].Size = 1000ull * (i + 1);
-            pds[i].state = 0x20 + i;
-            pds[i].Slot = static_cast<uint8_t>(i);
-            pds[i].Hotspare = i == 2 ? 1 : 0;
             pds[i].keyId = key;
-            pds[i].listCount = 2;
             pds[i].listEntries = list;
         }
+        pds[2].id = 7;
+        pds[2].Size = 3000;
+        pds[2].state = 34;
+        pds[2].Slot = 2;
+        pds[2].Hotspare = 1;
         rec.numVDs = 2;
         rec.vdList = vds;
         rec.numPDs = 3;
@@ -398,9 +52,6 @@ struct ForeignSource {
 // the names and target ids; the shared members stay with the source.
 void release_foreign(RtForeignConfig *copy)
 {
-    if (copy == nullptr) {
-        return;
-    }
     for (uint32_t i = 0; i < copy->numVDs; ++i) {
         rtvox_free(copy->vdList[i].NAME);
         rtvox_free(copy->vdList[i].targetIDs);
@@ -413,146 +64,143 @@ void release_foreign(RtForeignConfig *copy)
     rtvox_free(copy);
 }
 
-using ForeignConfigCopy = DupTest;
-
-int count_of(const std::vector<std::string> &lines, const std::string &line)
+TEST_F(DiskCopy, CopyReleaseAndEveryFailingAllocation)
 {
-    return static_cast<int>(std::count(lines.begin(), lines.end(), line));
-}
-
-TEST_F(ForeignConfigCopy, OwnsListsNamesAndTargetsAndSharesTheRest)
-{
-    ForeignSource src;
-    const auto before = bytes_of(src.rec);
-    const auto vds_before = bytes_of(src.vds);
-    const auto pds_before = bytes_of(src.pds);
-
-    RtForeignConfig *copy = DupForeign_Config(&src.rec);
-    ASSERT_NE(copy, nullptr);
-    expect_same_plain_bytes(copy, &src.rec, 512, {68, 80});
-    ASSERT_EQ(copy->numVDs, 2u);
-    ASSERT_EQ(copy->numPDs, 3u);
-    EXPECT_NE(copy->vdList, src.vds);
-    EXPECT_NE(copy->pdList, src.pds);
-    for (int i = 0; i < 2; ++i) {
-        const RtVirtualDisk &vd = copy->vdList[i];
-        expect_same_plain_bytes(&vd, &src.vds[i], 512, {8, 504});
-        expect_own_text(vd.NAME, src.vds[i].NAME);
-        EXPECT_EQ(vd.hdr.FQDD, src.vds[i].hdr.FQDD);
-        ASSERT_NE(vd.targetIDs, nullptr);
-        EXPECT_NE(vd.targetIDs, src.ids[i]);
-        EXPECT_EQ(bytes_of(vd.targetIDs, 8), bytes_of(src.ids[i]));
+    // A physical disk owning a list of three values and a 256-byte keyId buffer
+    // holding a short text with bytes after it, or a text filling the buffer.
+    Source<RtPhysicalDisk> pd(RTRAID_OBJTYPE_PHYSICALDISK, 1, L"Disk 4", L"Disk.Bay.4:RAID.Slot.4-1");
+    uint32_t list[3]{0x11, 0x22, 0x33};
+    char key[256];
+    pd.rec.listCount = 3;
+    pd.rec.listEntries = list;
+    pd.rec.keyId = key;
+    for (size_t length : {8u, 255u, 256u}) {
+        std::memset(key, 'k', sizeof(key));
+        if (length < sizeof(key)) {
+            key[length] = '\0';
+        }
+        const std::string text(length, 'k'), source_key(key, sizeof(key));
+        std::string want = source_key;  // and a zero just past the terminator, where that lies inside the buffer
+        if (length + 1 < sizeof(key)) {
+            want[length + 1] = '\0';
+        }
+        const auto check = [&](const void *copy, int failed) {
+            const char *copied = static_cast<const RtPhysicalDisk *>(copy)->keyId;
+            EXPECT_EQ(copied != nullptr ? std::string(copied, 256) : "", failed == 3 ? "" : want);
+            EXPECT_TRUE(std::regex_match(trace_lines().at(0),
+                                         std::regex("L4 rt_dup.c:rtraid_dupPD:(\\d+):Inside DUPd Func \\1")));
+            EXPECT_THAT(traced("rtraid_dupPD"),
+                        ElementsAre(::testing::_,
+                                    "L4 PCIeSSD hdr.FQDD=Disk.Bay.4:RAID.Slot.4-1 NAME=Disk 4 pDestPD->hdr.VERSION=1",
+                                    "L4 rtraid_dupPD pSrcPD->keyId = " + text +
+                                        " , pDestPD->keyId = " + (failed == 3 ? "(null)" : text)));
+        };
+        copy_release_and_fail_each("rtraid_dupPD", into_new(rtraid_dupPD), &pd.rec, pd.texts, 512,
+                                   {{8}, {504, 12}, {20}, {384, 1}}, 512 + (7 + 25) * 4 + 12 + 256, check);
+        EXPECT_EQ(std::string(key, sizeof(key)), source_key);
     }
-    for (int i = 0; i < 3; ++i) {
-        const RtPhysicalDisk &pd = copy->pdList[i];
-        expect_same_plain_bytes(&pd, &src.pds[i], 512, {8});
-        expect_own_text(pd.NAME, src.pds[i].NAME);
-        EXPECT_EQ(pd.hdr.FQDD, src.pds[i].hdr.FQDD);
-        EXPECT_EQ(pd.keyId, src.key);
-        EXPECT_EQ(pd.listEntries, src.list);
-    }
-    // The record, arrays of 1024 and 1536 bytes, five 12-character names, two pairs of ids.
-    EXPECT_EQ(alloc_live_bytes(), 512 + 1024 + 1536 + 5 * 13 * 4 + 2 * 8);
-    EXPECT_THAT(
-        traced("DupForeign_Config"),
-        ElementsAre("L4 --> DupForeign_Config", "L4 Copied VD Name", "L4 Copied pds", "L4 Copied VD Name",
-                    "L4 Copied pds", "L4 Copied PD Name",
-                    "L4 id:  5 Size:1000,Stae:32,Slot: 0 ,Hotspare:0,Name: Foreign PD 0", "L4 Copied PD Name",
-                    "L4 id:  6 Size:2000,Stae:33,Slot: 1 ,Hotspare:0,Name: Foreign PD 1", "L4 Copied PD Name",
-                    "L4 id:  7 Size:3000,Stae:34,Slot: 2 ,Hotspare:1,Name: Foreign PD 2", "L4 <-- DupForeign_Config"));
-    const std::string log = root.read("/var/log/rtvox.log");
-    EXPECT_THAT(log, HasSubstr("[DupForeign_Config] --> DupForeign_Config\n"));
-    EXPECT_THAT(log,
-                HasSubstr("[DupForeign_Config] id:  7 Size:3000,Stae:34,Slot: 2 ,Hotspare:1,Name: Foreign PD 2\n"));
-    EXPECT_THAT(log, ::testing::Not(HasSubstr("Copied")));
 
-    release_foreign(copy);
-    EXPECT_EQ(alloc_live(), 0);
-    EXPECT_EQ(bytes_of(src.rec), before);
-    EXPECT_EQ(bytes_of(src.vds), vds_before);
-    EXPECT_EQ(bytes_of(src.pds), pds_before);
-    EXPECT_TRUE(src.texts.unchanged());
-    EXPECT_STREQ(src.key, "FOREIGN-KEY");
-}
+    // hdr.FQDD is copied whatever the version; targetCount stays when its ids cannot be allocated.
+    Source<RtVirtualDisk> vd(RTRAID_OBJTYPE_LOGICALDISK, 0, L"Virtual Disk 1", L"Disk.Virtual.1");
+    int32_t ids[3]{7, -1, 300};
+    vd.rec.Size = 1ull << 40;
+    vd.rec.targetCount = 3;
+    vd.rec.targetIDs = ids;
+    const auto vd_traces = [](const void *, int failed) {
+        if (failed == 2) {  // then neither the size nor the ids are traced
+            EXPECT_THAT(traced("rtraid_DupVD"), ElementsAre("L4 --> rtraid_DupVD", "L4 <-- rtraid_DupVD"));
+        } else {
+            EXPECT_THAT(traced("rtraid_DupVD"),
+                        ElementsAre("L4 --> rtraid_DupVD", "L4 VD Size=1099511627776 ", "L4 PD targetID=7 ",
+                                    "L4 PD targetID=-1 ", "L4 PD targetID=300 ", "L4 <-- rtraid_DupVD"));
+        }
+    };
+    copy_release_and_fail_each("rtraid_DupVD", into_new(rtraid_DupVD), &vd.rec, vd.texts, 512, {{8}, {20}, {504, 12}},
+                               512 + (15 + 15) * 4 + 12, vd_traces);
+    EXPECT_THAT(root.read("/var/log/rtvox.log"), HasSubstr("[rtraid_DupVD] PD targetID=300 \n"));
 
-TEST_F(ForeignConfigCopy, EveryFailingAllocationEmptiesOrNullsOnlyItsMember)
-{
-    ForeignSource src;
-    const auto before = bytes_of(src.rec);
-    const auto vds_before = bytes_of(src.vds);
-    release_foreign(DupForeign_Config(&src.rec));
-    // record, vdList, (name, ids) x 2, pdList, name x 3
-    ASSERT_EQ(alloc_calls(), 10u);
-
-    for (uint32_t k = 0; k < 10; ++k) {
-        SCOPED_TRACE("failing allocation " + std::to_string(k));
-        alloc_reset();
-        trace_start();
-        alloc_fail(k, 1);
-        RtForeignConfig *copy = DupForeign_Config(&src.rec);
-        alloc_fail_clear();
-        const auto lines = traced("DupForeign_Config");
-        if (k == 0) {
-            EXPECT_EQ(copy, nullptr);
-            EXPECT_THAT(lines, ElementsAre("L4 --> DupForeign_Config", "L2 <--error2 DupForeign_Config"));
-            EXPECT_EQ(alloc_live(), 0);
-            continue;
-        }
-        ASSERT_NE(copy, nullptr);
-        EXPECT_EQ(lines.back(), "L4 <-- DupForeign_Config");
-        EXPECT_EQ(copy->numVDs, k == 1 ? 0u : 2u);
-        EXPECT_EQ(copy->vdList == nullptr, k == 1);
-        EXPECT_EQ(count_of(lines, "L2 <--error3 DupForeign_Config"), k == 1 ? 1 : 0);
-        if (k >= 2 && k <= 5) {
-            const RtVirtualDisk &vd = copy->vdList[(k - 2) / 2];
-            if (k % 2 == 0) {
-                EXPECT_EQ(vd.NAME, nullptr);
-                // The name line follows the attempt, not its outcome.
-                EXPECT_EQ(count_of(lines, "L4 Copied VD Name"), 2);
-            } else {
-                EXPECT_EQ(vd.targetIDs, nullptr);
-                EXPECT_EQ(vd.targetCount, 0u);
-                EXPECT_EQ(count_of(lines, "L2 <--error4 DupForeign_Config"), 1);
-                EXPECT_EQ(count_of(lines, "L4 Copied pds"), 1);
-            }
-        }
-        EXPECT_EQ(copy->numPDs, k == 6 ? 0u : 3u);
-        EXPECT_EQ(copy->pdList == nullptr, k == 6);
-        EXPECT_EQ(count_of(lines, "L2 <--error5 DupForeign_Config"), k == 6 ? 1 : 0);
-        if (k >= 7) {
-            EXPECT_EQ(copy->pdList[k - 7].NAME, nullptr);
-            EXPECT_EQ(count_of(lines, "L4 Copied PD Name"), 3);
-            // The line still names the disk: it prints the source's name.
-            EXPECT_THAT(lines, ::testing::Contains(HasSubstr("Name: Foreign PD " + std::to_string(k - 7))));
-        }
-        release_foreign(copy);
+    // The enclosure and its elements own hdr.FQDD from version 1 on; at version 0 they share the source's.
+    Source<RtRecord> enclosure(RTRAID_OBJTYPE_ENCLOSURE, 1, L"Backplane 1", L"Enclosure.Internal.0-1");
+    for (const auto &[fn, dup] :
+         {std::make_pair("rtraid_dupEnclosure", dup_enclosure), std::make_pair("rtraid_dupEMM", rtraid_dupEMM),
+          std::make_pair("rtraid_dupFAN", rtraid_dupFAN), std::make_pair("rtraid_dupPSU", rtraid_dupPSU),
+          std::make_pair("rtraid_dupTEMPPROBE", rtraid_dupTEMPPROBE)}) {
+        const bool traces = dup == dup_enclosure;  // only the enclosure copy traces
+        const auto check = [traces](const void *, int failed) {
+            const std::vector<std::string> lines{
+                "L4 DUPE-ENCLOSURE After copy NAME=" + std::string(failed == 0 ? "(null)" : "Backplane 1"),
+                "L4 <-- rtraid_dupEnclosure"};
+            EXPECT_EQ(trace_lines().size(), traces ? 2u : 0u);
+            EXPECT_EQ(traced("rtraid_dupEnclosure"), traces ? lines : std::vector<std::string>{});
+        };
+        copy_release_and_fail_each(fn, into_new(dup), &enclosure.rec, enclosure.texts, 512, {{8}, {20}},
+                                   512 + (12 + 23) * 4, check);
+        enclosure.rec.hdr.VERSION = 0;
+        auto *dest = static_cast<RtRecord *>(into_new(dup).copy(&enclosure.rec));
+        EXPECT_EQ(dest->hdr.FQDD, enclosure.rec.hdr.FQDD);
+        dest->hdr.FQDD = nullptr;  // shared: not the copy's to give back
+        rtcache_FreeRMObjects(dest, 1);
         EXPECT_EQ(alloc_live(), 0);
-        EXPECT_EQ(bytes_of(src.rec), before);
-        EXPECT_EQ(bytes_of(src.vds), vds_before);
+        enclosure.rec.hdr.VERSION = 1;
     }
-    EXPECT_TRUE(src.texts.unchanged());
 }
 
-TEST_F(ForeignConfigCopy, EmptyCountsKeepTheSourceListsAndAbsentMembersStayAbsent)
+TEST_F(DiskCopy, SharedAndAbsentMembers)
 {
-    ForeignSource src;
+    // A physical disk at version 0 with an empty list shares hdr.FQDD and the list with
+    // its source (library blocks here: releasing the copy gives them back too).
+    Source<RtPhysicalDisk> pd(RTRAID_OBJTYPE_PHYSICALDISK, 0, L"Disk 4", L"unused");
+    pd.rec.hdr.FQDD = static_cast<wchar_t *>(rtvox_alloc(4));
+    pd.rec.listCount = 0;
+    pd.rec.listEntries = static_cast<uint32_t *>(rtvox_alloc(4));
+    pd.rec.keyId = nullptr;
+    auto *disk = static_cast<RtPhysicalDisk *>(into_new(rtraid_dupPD).copy(&pd.rec));
+    EXPECT_EQ(disk->hdr.FQDD, pd.rec.hdr.FQDD);
+    EXPECT_EQ(disk->listEntries, pd.rec.listEntries);
+    EXPECT_EQ(disk->keyId, nullptr);
+    EXPECT_EQ(alloc_calls(), 4u);  // the two shared blocks, the destination, NAME
+    EXPECT_EQ(traced("rtraid_dupPD").back(), "L4 rtraid_dupPD pSrcPD->keyId = (null) , pDestPD->keyId = (null)");
+    rtcache_FreeRMObjects(disk, 1);
+    pd.rec.hdr.FQDD = nullptr;
+    pd.rec.listCount = 3;  // a count without a list: no list, and nothing read through NULL
+    pd.rec.listEntries = nullptr;
+    disk = static_cast<RtPhysicalDisk *>(into_new(rtraid_dupPD).copy(&pd.rec));
+    EXPECT_EQ(disk->listEntries, nullptr);
+    rtcache_FreeRMObjects(disk, 1);
+
+    // A virtual disk gets no ids without a count (even with a source array) or without a source array.
+    Source<RtVirtualDisk> vd(RTRAID_OBJTYPE_LOGICALDISK, 1, L"Virtual Disk 1", L"Disk.Virtual.1");
+    int32_t ids[1]{7};
+    vd.rec.targetCount = 0;
+    vd.rec.targetIDs = ids;
+    auto *no_count = static_cast<RtVirtualDisk *>(into_new(rtraid_DupVD).copy(&vd.rec));
+    vd.rec.targetCount = 3;
+    vd.rec.targetIDs = nullptr;
+    auto *no_array = static_cast<RtVirtualDisk *>(into_new(rtraid_DupVD).copy(&vd.rec));
+    EXPECT_EQ(no_count->targetIDs, nullptr);
+    EXPECT_EQ(no_array->targetIDs, nullptr);
+    EXPECT_EQ(alloc_calls(), 6u + 6u);             // the destination, NAME, hdr.FQDD of each
+    EXPECT_EQ(traced("rtraid_DupVD").size(), 4u);  // no size or id lines
+    rtcache_FreeRMObjects(no_count, 1);
+    rtcache_FreeRMObjects(no_array, 1);
+    EXPECT_EQ(alloc_live(), 0);
+
+    // A foreign configuration with empty counts keeps the source's lists.
+    alloc_reset();
+    ForeignSource src(vd.texts);
     src.rec.numVDs = 0;
     src.rec.numPDs = 0;
     RtForeignConfig *copy = DupForeign_Config(&src.rec);
-    ASSERT_NE(copy, nullptr);
-    EXPECT_EQ(bytes_of(*copy), bytes_of(src.rec));  // list pointers included
+    EXPECT_EQ(bytes_of(copy, 512), bytes_of(&src.rec, 512));  // list pointers included
     EXPECT_EQ(alloc_calls(), 1u);
-    EXPECT_THAT(traced("DupForeign_Config"), ElementsAre("L4 --> DupForeign_Config", "L4 <-- DupForeign_Config"));
     release_foreign(copy);
 
-    // A virtual disk without name or ids: both stay NULL, nothing traced for them.
-    alloc_reset();
+    // An embedded virtual disk without name or ids: both stay NULL, nothing traced for them.
     trace_start();
     src.rec.numVDs = 1;
     src.vds[0].NAME = nullptr;
     src.vds[0].targetIDs = nullptr;
     copy = DupForeign_Config(&src.rec);
-    ASSERT_NE(copy, nullptr);
     EXPECT_EQ(copy->vdList[0].NAME, nullptr);
     EXPECT_EQ(copy->vdList[0].targetIDs, nullptr);
     EXPECT_EQ(copy->vdList[0].targetCount, 2u);
@@ -566,7 +214,6 @@ TEST_F(ForeignConfigCopy, EmptyCountsKeepTheSourceListsAndAbsentMembersStayAbsen
     src.rec.numPDs = 2;
     src.rec.pdList = nullptr;
     copy = DupForeign_Config(&src.rec);
-    ASSERT_NE(copy, nullptr);
     EXPECT_EQ(copy->numVDs, 0u);
     EXPECT_EQ(copy->numPDs, 0u);
     EXPECT_EQ(alloc_calls(), 1u);
@@ -574,10 +221,95 @@ TEST_F(ForeignConfigCopy, EmptyCountsKeepTheSourceListsAndAbsentMembersStayAbsen
                                                          "L2 <--error5 DupForeign_Config", "L4 <-- DupForeign_Config"));
     release_foreign(copy);
     EXPECT_EQ(alloc_live(), 0);
+}
 
-    trace_start();
+TEST_F(DiskCopy, NullArgumentsAreRefused)
+{
+    RtRecord rec{};
+    auto *pd = reinterpret_cast<RtPhysicalDisk *>(&rec);
+    auto *vd = reinterpret_cast<RtVirtualDisk *>(&rec);
+    EXPECT_EQ(rtraid_dupPD(nullptr, pd), -1);
+    EXPECT_EQ(rtraid_dupPD(pd, nullptr), -1);
+    for (auto *dup : {dup_enclosure, rtraid_dupEMM, rtraid_dupFAN, rtraid_dupPSU, rtraid_dupTEMPPROBE}) {
+        EXPECT_EQ(dup(nullptr, &rec), -1);
+        EXPECT_EQ(dup(&rec, nullptr), -1);
+    }
+    EXPECT_TRUE(trace_lines().empty());
+    rtraid_DupVD(nullptr, vd);
+    rtraid_DupVD(vd, nullptr);
     EXPECT_EQ(DupForeign_Config(nullptr), nullptr);
+    EXPECT_EQ(alloc_calls(), 0u);
+    EXPECT_THAT(traced("rtraid_DupVD"), ElementsAre("L4 --> rtraid_DupVD", "L2 <--error1 rtraid_DupVD",
+                                                    "L4 --> rtraid_DupVD", "L2 <--error1 rtraid_DupVD"));
     EXPECT_THAT(traced("DupForeign_Config"), ElementsAre("L4 --> DupForeign_Config", "L2 <--error1 DupForeign_Config"));
+}
+
+TEST_F(DiskCopy, ForeignConfigCopyReleaseAndEveryFailingAllocation)
+{
+    Texts texts;
+    const ForeignSource src(texts);
+    const auto before = bytes_of(&src, sizeof(src));
+    // Allocations: the record, vdList, NAME and targetIDs of each virtual disk, pdList, NAME of each physical disk.
+    for (int k = -1; k < 10; ++k) {
+        SCOPED_TRACE("failing allocation " + std::to_string(k));
+        alloc_reset();
+        trace_start();
+        alloc_fail(static_cast<uint32_t>(k), k >= 0 ? 1 : 0);
+        RtForeignConfig *copy = DupForeign_Config(&src.rec);
+        alloc_fail_clear();
+        const auto lines = traced("DupForeign_Config");
+        if (k == 0) {
+            EXPECT_EQ(copy, nullptr);
+            EXPECT_THAT(lines, ElementsAre("L4 --> DupForeign_Config", "L2 <--error2 DupForeign_Config"));
+            EXPECT_EQ(alloc_live(), 0);
+            continue;
+        }
+        EXPECT_EQ(alloc_calls(), k == 1 ? 6u : k == 6 ? 7u : 10u);
+        EXPECT_EQ(lines.back(), "L4 <-- DupForeign_Config");
+        // A list that cannot be allocated is emptied; the copy still succeeds.
+        EXPECT_EQ(plain_bytes(copy, 512, {64, 68, 76, 80}), plain_bytes(&src.rec, 512, {64, 68, 76, 80}));
+        EXPECT_EQ(copy->numVDs, k == 1 ? 0u : 2u);
+        EXPECT_EQ(copy->numPDs, k == 6 ? 0u : 3u);
+        EXPECT_EQ(trace_count("<--error3 DupForeign_Config"), k == 1 ? 1 : 0);
+        EXPECT_EQ(trace_count("<--error5 DupForeign_Config"), k == 6 ? 1 : 0);
+        for (int i = 0; i < static_cast<int>(copy->numVDs); ++i) {
+            const RtVirtualDisk &vd = copy->vdList[i];
+            const bool ids_failed = k == 3 + 2 * i;  // then its count is 0
+            EXPECT_EQ(plain_bytes(&vd, 512, {8, 500, 504}), plain_bytes(&src.vds[i], 512, {8, 500, 504}));
+            EXPECT_NE(vd.NAME, src.vds[i].NAME);
+            EXPECT_STREQ(vd.NAME, k == 2 + 2 * i ? nullptr : src.vds[i].NAME);
+            EXPECT_EQ(vd.targetCount, ids_failed ? 0u : 2u);
+            EXPECT_NE(vd.targetIDs, src.ids[i]);
+            EXPECT_TRUE(ids_failed ? vd.targetIDs == nullptr : bytes_of(vd.targetIDs, 8) == bytes_of(src.ids[i], 8));
+        }
+        for (int i = 0; i < static_cast<int>(copy->numPDs); ++i) {
+            // hdr.FQDD, keyId and listEntries stay the source's.
+            EXPECT_EQ(plain_bytes(&copy->pdList[i], 512, {8}), plain_bytes(&src.pds[i], 512, {8}));
+            EXPECT_NE(copy->pdList[i].NAME, src.pds[i].NAME);
+            EXPECT_STREQ(copy->pdList[i].NAME, k == 7 + i ? nullptr : src.pds[i].NAME);
+        }
+        // The name lines follow the attempt, not its outcome; the disk line prints the source's name.
+        EXPECT_EQ(trace_count("Copied VD Name"), static_cast<int>(copy->numVDs));
+        EXPECT_EQ(trace_count("Copied PD Name"), static_cast<int>(copy->numPDs));
+        EXPECT_EQ(trace_count("Name: Foreign PD"), static_cast<int>(copy->numPDs));
+        EXPECT_EQ(trace_count("Copied pds"), k == 1 ? 0 : k == 3 || k == 5 ? 1 : 2);
+        EXPECT_EQ(trace_count("<--error4 DupForeign_Config"), k == 3 || k == 5 ? 1 : 0);
+        if (k < 0) {
+            // The record, arrays of 1024 and 1536 bytes, five 12-character names, two pairs of ids.
+            EXPECT_EQ(alloc_live_bytes(), 512 + 1024 + 1536 + 5 * 13 * 4 + 2 * 8);
+            EXPECT_EQ(lines.at(2), "L4 Copied pds");  // each virtual disk's ids right after its name
+            const std::string last_disk = "id:  7 Size:3000,Stae:34,Slot: 2 ,Hotspare:1,Name: Foreign PD 2";
+            EXPECT_EQ(lines.at(10), "L4 " + last_disk);
+            const std::string log = root.read("/var/log/rtvox.log");
+            EXPECT_THAT(log, HasSubstr("[DupForeign_Config] --> DupForeign_Config\n"));
+            EXPECT_THAT(log, HasSubstr("[DupForeign_Config] " + last_disk + "\n"));
+            EXPECT_THAT(log, ::testing::Not(HasSubstr("Copied")));
+        }
+        release_foreign(copy);
+        EXPECT_EQ(alloc_live(), 0);
+        EXPECT_EQ(bytes_of(&src, sizeof(src)), before);
+    }
+    EXPECT_TRUE(texts.unchanged());
 }
 
 }  // namespace

@@ -1,14 +1,16 @@
-// Shared pieces of the record-copy tests: source texts that outlive their
-// records, byte snapshots, the per-function view of the trace, and the
-// release of a cached copy through the cache's own release walk.
+// Shared pieces of the record-copy tests: source records whose texts outlive
+// them, byte views, the per-function view of the trace, and one driver that
+// copies a record whole and then with each of its allocations failing in turn.
 #pragma once
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstdint>
+#include <algorithm>
 #include <cstring>
-#include <cwchar>
-#include <memory>
+#include <deque>
+#include <functional>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -19,119 +21,162 @@
 
 namespace rtvox::test::dup {
 
+using namespace rtvox::test;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+
 // Owns the texts a source record points at and remembers what they said, so
 // a test can prove that no copy or release touched them.
 class Texts {
 public:
     wchar_t *operator()(const std::wstring &text)
     {
-        texts_.push_back(std::make_unique<std::wstring>(text));
         originals_.push_back(text);
-        return texts_.back()->data();
+        return texts_.emplace_back(text).data();
     }
-    bool unchanged() const
-    {
-        for (size_t i = 0; i < texts_.size(); ++i) {
-            if (std::wcscmp(texts_[i]->c_str(), originals_[i].c_str()) != 0) {
-                return false;
-            }
-        }
-        return true;
-    }
+    bool unchanged() const { return texts_ == originals_; }
 
 private:
-    std::vector<std::unique_ptr<std::wstring>> texts_;
-    std::vector<std::wstring> originals_;
+    std::deque<std::wstring> texts_, originals_;
 };
 
 inline std::vector<uint8_t> bytes_of(const void *data, size_t size)
 {
-    const auto *bytes = static_cast<const uint8_t *>(data);
-    return {bytes, bytes + size};
+    return {static_cast<const uint8_t *>(data), static_cast<const uint8_t *>(data) + size};
 }
 
-template <typename Record>
-std::vector<uint8_t> bytes_of(const Record &record)
+// The bytes of a record with its 4-byte pointer fields (at `pointers`) zeroed.
+inline std::vector<uint8_t> plain_bytes(const void *record, size_t size, const std::vector<size_t> &pointers)
 {
-    return bytes_of(&record, sizeof(record));
+    auto bytes = bytes_of(record, size);
+    for (size_t at : pointers) {
+        std::memset(bytes.data() + at, 0, 4);
+    }
+    return bytes;
 }
 
-// Fills a record with a recognisable byte pattern before its fields are set,
-// so that a byte the copy fails to carry shows up.
+// A recognisable byte pattern, so that a byte a copy fails to carry shows up.
 template <typename Record>
 void fill_pattern(Record &record, uint8_t seed = 3)
 {
-    auto *bytes = reinterpret_cast<uint8_t *>(&record);
     for (size_t i = 0; i < sizeof(record); ++i) {
-        bytes[i] = static_cast<uint8_t>(i * 7 + seed);
+        reinterpret_cast<uint8_t *>(&record)[i] = static_cast<uint8_t>(i * 7 + seed);
     }
 }
 
-// Compares two records byte for byte, skipping the 4-byte pointer fields at
-// `pointers` (offsets).
-inline void expect_same_plain_bytes(const void *copy, const void *source, size_t size,
-                                    const std::vector<size_t> &pointers)
-{
-    const auto *a = static_cast<const uint8_t *>(copy);
-    const auto *b = static_cast<const uint8_t *>(source);
-    for (size_t i = 0; i < size; ++i) {
-        bool in_pointer = false;
-        for (size_t at : pointers) {
-            in_pointer = in_pointer || (i >= at && i < at + 4);
-        }
-        if (!in_pointer && a[i] != b[i]) {
-            ADD_FAILURE() << "byte " << i << " differs: " << int{a[i]} << " != " << int{b[i]};
-            return;
-        }
+// A source record in the pattern with its object type, version and head texts.
+template <typename Rec>
+struct Source {
+    Texts texts;
+    Rec rec;
+    Source(uint32_t type, uint32_t version, const wchar_t *name, const wchar_t *fqdd)
+    {
+        fill_pattern(rec);
+        rec.objType = type;
+        rec.hdr.VERSION = version;
+        rec.NAME = texts(name);
+        rec.hdr.FQDD = texts(fqdd);
     }
-}
+};
 
-// The copy of a text: present, equal to the source, and not the source's block.
-inline void expect_own_text(const wchar_t *copy, const wchar_t *source)
-{
-    ASSERT_NE(copy, nullptr);
-    EXPECT_NE(copy, source);
-    EXPECT_STREQ(copy, source);
-}
-
-// Releases a cached copy the way the cache does: the release walk for a run
-// of one record (NAME, hdr.FQDD, what the object type owns, the record).
-inline void release_copy(void *record)
-{
-    rtcache_FreeRMObjects(record, 1);
-}
-
-// The lines that `function` traced, as "L<level> <message>" (head and line
-// number dropped), in order.
+// The lines that `function` traced, as "L<level> <message>" (head and line number dropped).
 inline std::vector<std::string> traced(const std::string &function)
 {
     std::vector<std::string> messages;
     const std::string head = " rt_dup.c:" + function + ":";
     for (const std::string &line : trace_lines()) {
         const size_t at = line.find(head);
-        if (at == std::string::npos) {
-            continue;
+        if (at != std::string::npos) {
+            messages.push_back(line.substr(0, at) + " " + line.substr(line.find(':', at + head.size()) + 1));
         }
-        const size_t number_end = line.find(':', at + head.size());
-        messages.push_back(line.substr(0, at) + " " + line.substr(number_end + 1));
     }
     return messages;
 }
 
-// True when `line` is a level-4 line of `function` whose message is `text`
-// followed by the line number of the trace head itself.
-inline bool carries_own_line_number(const std::string &line, const std::string &function, const std::string &text)
+// A copy function seen alike with the others: a source in, a new copy or NULL
+// out. The copies into a caller's record get a zero-filled one of the library's.
+struct Copier {
+    std::function<void *(const void *)> copy;
+    bool fresh;  // makes its record: traces only "--> fn", then "<-- fn" or, with no record, "<--error2 fn"
+};
+template <typename Rec>
+Copier fresh(Rec *(*copy)(const Rec *))
 {
-    const std::string head = "L4 rt_dup.c:" + function + ":";
-    if (line.rfind(head, 0) != 0) {
-        return false;
+    return {[copy](const void *src) -> void * { return copy(static_cast<const Rec *>(src)); }, true};
+}
+template <typename Rec>
+Copier into_new(int32_t (*copy)(const Rec *, Rec *))
+{
+    const auto into = [copy](const void *src) -> void * {
+        auto *dest = static_cast<Rec *>(rtvox_alloc(sizeof(Rec)));
+        const int32_t rc = copy(static_cast<const Rec *>(src), dest);
+        EXPECT_TRUE(dest == nullptr || rc == 0);
+        return dest;
+    };
+    return {into, false};
+}
+
+// An owned member of a record at offset `at`: a wide text (bytes 0) or an array of `bytes` plain bytes.
+struct Member {
+    size_t at;
+    size_t bytes = 0;
+};
+
+// Copies `src` (`size` bytes) whole, then once with each allocation failing in
+// turn: the first (the record) gives no copy, a later one leaves only its
+// member NULL in an otherwise whole copy. `members` lists the owned members in
+// the order the copy allocates them, `bytes` is what a whole copy holds. A copy
+// carries the source's plain bytes and its own blocks holding the source's
+// texts and arrays; released (by the cache's release walk for a 512-byte
+// record), it leaves nothing behind, and the source and its texts stay as they
+// were. `check(copy, failed)` adds checks; failed is a member's index or -1.
+inline void copy_release_and_fail_each(const std::string &fn, const Copier &c, const void *src, const Texts &texts,
+                                       size_t size, const std::vector<Member> &members, int64_t bytes,
+                                       const std::function<void(const void *, int)> &check = nullptr)
+{
+    const auto before = bytes_of(src, size);
+    std::vector<size_t> pointers(members.size());
+    std::transform(members.begin(), members.end(), pointers.begin(), [](const Member &m) { return m.at; });
+    const auto n = static_cast<int>(members.size());
+    for (int k = -1; k <= n; ++k) {
+        SCOPED_TRACE(fn + ", failing allocation " + std::to_string(k));
+        alloc_reset();
+        trace_start();
+        alloc_fail(static_cast<uint32_t>(k), k >= 0 ? 1 : 0);
+        void *copy = c.copy(src);
+        alloc_fail_clear();
+        EXPECT_EQ(alloc_calls(), k == 0 ? 1u : n + 1u);
+        EXPECT_EQ(alloc_live(), k == 0 ? 0 : k < 0 ? n + 1 : n);
+        if (c.fresh) {
+            EXPECT_THAT(traced(fn), ElementsAre("L4 --> " + fn, (k == 0 ? "L2 <--error2 " : "L4 <-- ") + fn));
+        }
+        if (k == 0) {
+            EXPECT_EQ(copy, nullptr);
+            continue;
+        }
+        ASSERT_NE(copy, nullptr);
+        EXPECT_EQ(plain_bytes(copy, size, pointers), plain_bytes(src, size, pointers));
+        for (int m = 0; m < n; ++m) {
+            const void *got, *want;
+            std::memcpy(&got, static_cast<const uint8_t *>(copy) + pointers[m], sizeof(got));
+            std::memcpy(&want, static_cast<const uint8_t *>(src) + pointers[m], sizeof(want));
+            EXPECT_EQ(got == nullptr, m == k - 1) << "member " << m;
+            EXPECT_NE(got, want) << "member " << m;
+            if (got != nullptr && members[m].bytes == 0) {
+                EXPECT_STREQ(static_cast<const wchar_t *>(got), static_cast<const wchar_t *>(want));
+            } else if (got != nullptr) {
+                EXPECT_EQ(bytes_of(got, members[m].bytes), bytes_of(want, members[m].bytes));
+            }
+        }
+        EXPECT_TRUE(k >= 0 || alloc_live_bytes() == bytes) << alloc_live_bytes();
+        if (check) {
+            check(copy, k > 0 ? k - 1 : -1);
+        }
+        size == RTRAID_RECORD_SIZE ? (void)rtcache_FreeRMObjects(copy, 1) : rtvox_free(copy);
+        EXPECT_EQ(alloc_live(), 0);
+        EXPECT_EQ(bytes_of(src, size), before);
     }
-    const size_t number_end = line.find(':', head.size());
-    if (number_end == std::string::npos || number_end == head.size()) {
-        return false;
-    }
-    const std::string number = line.substr(head.size(), number_end - head.size());
-    return line.substr(number_end + 1) == text + number;
+    EXPECT_TRUE(texts.unchanged());
 }
 
 // Every test starts from a clean emulation, an empty trace, zero counted
@@ -144,8 +189,6 @@ protected:
         trace_start();
         alloc_reset();
     }
-    void TearDown() override { alloc_fail_clear(); }
-
     TempRoot root;
 };
 
