@@ -130,6 +130,19 @@ void ***alloc_table(uint32_t cols)
         rtvox_alloc_2darray(static_cast<int32_t>(max_adapters), static_cast<int32_t>(cols), 4));
 }
 
+// Sets one nibble of the type/modular-id byte of the first slot holding EID
+// (the type at shift 0, the modular id at kModularIdShift), keeping the other.
+// An unregistered EID changes nothing.
+void set_nibble(uint32_t EID, uint8_t value, unsigned shift)
+{
+    const int slot = first_filled_slot(EID);
+    if (slot >= 0) {
+        uint8_t &byte = cache_StorageEIDInfo.pEIDInfo[slot].u8TypeAndModularId;
+        const unsigned mask = static_cast<unsigned>(kTypeMask) << shift;
+        byte = static_cast<uint8_t>((byte & ~mask) | ((value & kTypeMask) << shift));
+    }
+}
+
 }  // namespace
 
 extern "C" {
@@ -326,11 +339,7 @@ uint32_t rtcache_SetStorageEIDType(uint32_t EID, uint8_t type)
         RTCACHE_TRACE_MUTEX_FAIL();
         return 3;
     }
-    const int slot = first_filled_slot(EID);
-    if (slot >= 0) {
-        uint8_t &byte = cache_StorageEIDInfo.pEIDInfo[slot].u8TypeAndModularId;
-        byte = static_cast<uint8_t>((byte & ~kTypeMask) | (type & kTypeMask));
-    }
+    set_nibble(EID, type, 0);
     RT_TRACE(4, "<-- %s", __func__);
     return 0;
 }
@@ -359,11 +368,7 @@ uint32_t rtcache_SetModularId(uint32_t EID, uint8_t id)
         RTCACHE_TRACE_MUTEX_FAIL();
         return 3;
     }
-    const int slot = first_filled_slot(EID);
-    if (slot >= 0) {
-        uint8_t &byte = cache_StorageEIDInfo.pEIDInfo[slot].u8TypeAndModularId;
-        byte = static_cast<uint8_t>((byte & kTypeMask) | ((id & kTypeMask) << kModularIdShift));
-    }
+    set_nibble(EID, id, kModularIdShift);
     RT_TRACE(4, "<-- %s", __func__);
     return 0;
 }
