@@ -1,11 +1,15 @@
-// PCIe SSDs: FRU and temperature records (region 26). Region bytes are read
+// PCIe SSDs: FRU and temperature records (region 26), drive status and the
+// simulation (regions 20 and 26). Region bytes are read
 // back from the host by offset, never through the library's structs.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
+#include <filesystem>
 #include <functional>
 #include <numeric>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "rtvox/rt_shm.h"
@@ -140,6 +144,174 @@ TEST_F(PcieSsd, FruStoresRefuseIndex255AndBadInputWithoutWriting)
     }
     EXPECT_EQ(at(26, 1, 300), Bytes(300, kOld));
     EXPECT_EQ(at(26, 0, 1)[0], 1);  // the counter is still written
+}
+
+// ---- drive status words and the status area (region 20) -----------------------
+
+TEST_F(PcieSsd, StatusWordsAreLittleEndianAtTheirSlotAndAdvanceTheWrappingCounter)
+{
+    vornhost_shm_bytes(20)[10] = 254;
+    const uint32_t slots[] = {0, 5, 31};
+    const uint8_t counters[] = {255, 0, 1};
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(updatePciessdDriveStatusToShm(0x1234ABCD, slots[i]), 0u);
+        EXPECT_EQ(at(20, 142 + 4 * slots[i], 4), (Bytes{kOld, kOld, 0xCD, 0xAB}));
+        EXPECT_EQ(at(20, 10, 1)[0], counters[i]);
+    }
+    // Reads take the slot as a signed 16-bit value: 0x10005 is slot 5, -1 reads offset 140.
+    uint16_t words[] = {0, 0, 0x5555};
+    EXPECT_EQ(RTSHM_readPciessdDriveStatusFromShm(&words[0], 0x10005), 0u);
+    EXPECT_EQ(RTSHM_readPciessdDriveStatusFromShm(&words[1], -1), 0u);
+    EXPECT_EQ(RTSHM_readPciessdDriveStatusFromShm(nullptr, 0), 0u);
+    EXPECT_EQ(vornhost_call_count(VORNHOST_Vorn_shm_memread), 5u);  // three counters, two words
+    EXPECT_EQ(std::vector<uint16_t>(words, words + 2), (std::vector<uint16_t>{0xABCD, 0xAAAA}));
+    EXPECT_TRUE(trace_has(4, ": After Read u16DriveStatus:=43981 u8Slot = 5 offset = 164  u8Slot=5 "));
+    vornhost_fail(VORNHOST_Vorn_shm_memread, 0, 1);
+    EXPECT_EQ(RTSHM_readPciessdDriveStatusFromShm(&words[2], 2), 3u);
+    EXPECT_EQ(words[2], 0x5555);
+    EXPECT_TRUE(trace_has(2, "error, SHM Read retVal=126 152"));
+
+    // 0x3FFFFFFF * 4 + 144 would wrap to 140: refused instead.
+    EXPECT_EQ(updatePciessdDriveStatusToShm(7, 0x3FFFFFFF), 3u);
+    EXPECT_EQ(at(20, 140, 2), (Bytes{kOld, kOld}));
+    EXPECT_EQ(at(20, 10, 1)[0], 1);
+}
+
+TEST_F(PcieSsd, StatusWriteFailuresLeaveTheCounter)
+{
+    // The status write, the counter read, the counter write.
+    const std::tuple<VornHostFunction, uint32_t, const char *> cases[] = {
+        {VORNHOST_Vorn_shm_memwrite, 0, "rt_shm.c:updatePciessdDriveStatusToShm:"},
+        {VORNHOST_Vorn_shm_memwrite, 0, "error, SHM Write retVal=126 144"},
+        {VORNHOST_Vorn_shm_memread, 0, "error, SHM Read retVal=126 10"},
+        {VORNHOST_Vorn_shm_memwrite, 1, "error, SHM Write retVal=126 10"}};
+    for (const auto &[fn, skip, line] : cases) {
+        SetUp();
+        vornhost_fail(fn, skip, 1);
+        EXPECT_EQ(updatePciessdDriveStatusToShm(7, 0), 3u) << line;
+        EXPECT_TRUE(trace_has(2, line)) << line;
+        EXPECT_EQ(at(20, 10, 1)[0], kOld);
+    }
+}
+
+TEST_F(PcieSsd, StatusAreaWriteCopiesBytes142To269AndLeavesTheCounter)
+{
+    Bytes image(325);
+    std::iota(image.begin(), image.end(), 0);
+    const auto *bp = reinterpret_cast<const RtShmPcieSsdBp *>(image.data());
+    EXPECT_EQ(updatePciessdiBCDDataToShm(bp), 0u);
+    EXPECT_EQ(updatePciessdiBCDDataToShm(nullptr), 0u);
+    Bytes expected = {kOld};
+    expected.insert(expected.end(), image.begin() + 142, image.begin() + 270);
+    expected.push_back(kOld);
+    EXPECT_EQ(at(20, 141, 130), expected);
+    EXPECT_EQ(at(20, 10, 1)[0], kOld);
+    EXPECT_EQ(writes(), 1u);
+    EXPECT_TRUE(trace_has(4, ": Before Update DriveStatusInfo offset: 142 size = 4 "));
+    vornhost_fail(VORNHOST_Vorn_shm_memwrite, 0, 1);
+    EXPECT_EQ(updatePciessdiBCDDataToShm(bp), 3u);
+    EXPECT_TRUE(trace_has(2, "error, SHM Write retVal=126 142"));
+}
+
+// ---- the simulation -----------------------------------------------------------------
+
+class Simulation : public PcieSsd {
+protected:
+    // `slots` announced at byte 2; slot table entry g: bay 1 + g / 8, slot g, type 4, presence g % 2.
+    static void announce(uint8_t slots, uint8_t sequence)
+    {
+        uint8_t *r20 = vornhost_shm_bytes(20);
+        r20[2] = slots;
+        r20[6] = sequence;
+        for (uint8_t g = 0; g < 32; ++g) {
+            const uint8_t entry[] = {static_cast<uint8_t>(1 + g / 8), g, 4, static_cast<uint8_t>(g % 2)};
+            std::memcpy(r20 + 14 + 4 * g, entry, sizeof entry);
+        }
+    }
+    void write_fru(const Bytes &fru) const { root.touch("/tmp/ssdfru.bin", std::string(fru.begin(), fru.end())); }
+};
+
+TEST_F(Simulation, WritesOnlyWhenStatusOrPresenceChanged)
+{
+    const Bytes fru = fru_image(0x10);
+    announce(3, 5);
+    root.touch("/tmp/ssdstatus.txt", "300\nignored");
+    write_fru(fru);
+    RTSHM_PCIeSSDSimulate();
+    for (uint8_t g = 0; g < 3; ++g) {
+        EXPECT_EQ(at(20, 142 + 4 * g, 4), (Bytes{1, g, 0x2C, 0x01}));  // 300 little-endian
+        EXPECT_EQ(at(26, 4 + 260 * g, 260), record({g, static_cast<uint8_t>(g % 2), 0xFE, 0xFE}, fru));
+    }
+    EXPECT_EQ(at(20, 154, 116), Bytes(116, 0xFE));
+    EXPECT_EQ(at(20, 10, 1)[0], 0x80);
+    EXPECT_EQ(at(20, 270, 55), Bytes(55, kOld));
+    EXPECT_EQ(at(26, 0, 4), (Bytes{0x80, 0xFE, 0xFE, 0xFE}));
+    EXPECT_EQ(at(26, 784, 11444 - 784), Bytes(11444 - 784, 0xFE));
+    EXPECT_EQ(writes(), 5u);  // status area twice, its counter, region 26 twice
+    EXPECT_TRUE(trace_has(4, "rt_shm.c:RTSHM_PCIeSSDSimulate:"));
+    EXPECT_TRUE(trace_has(4, ":Slots=3 \t Counters: 5 / 129 "));
+    EXPECT_TRUE(trace_has(4, ":u8DrivePresence=1\tu16DriveStatus=300"));
+
+    RTSHM_PCIeSSDSimulate();
+    EXPECT_EQ(writes(), 5u);
+
+    root.touch("/tmp/ssdstatus.txt", "7");
+    RTSHM_PCIeSSDSimulate();
+    EXPECT_EQ(at(20, 144, 2), (Bytes{7, 0}));
+    EXPECT_EQ(at(20, 10, 1)[0], 0x81);
+    EXPECT_EQ(at(26, 0, 1)[0], 0x81);
+
+    vornhost_shm_bytes(20)[6] = 6;
+    RTSHM_PCIeSSDSimulate();
+    EXPECT_EQ(writes(), 15u);
+    EXPECT_EQ(at(26, 0, 1)[0], 0x82);
+}
+
+TEST_F(Simulation, FortySlotsFillThirtyTwoAndMissingFilesGiveZeros)
+{
+    announce(40, 1);
+    alloc_reset();
+    alloc_fail(0, 1);
+    RTSHM_PCIeSSDSimulate();  // without its image nothing is written
+    EXPECT_TRUE(trace_has(2, "Failed to allocate memory"));
+    EXPECT_EQ(writes(), 0u);
+    EXPECT_EQ(ReadFRUFile(nullptr), -1);
+
+    RTSHM_PCIeSSDSimulate();
+    EXPECT_EQ(alloc_live(), 0);
+    EXPECT_EQ(at(20, 142 + 4 * 31, 4), (Bytes{4, 31, 0, 0}));
+    EXPECT_EQ(at(20, 270, 15), Bytes(15, kOld));
+    EXPECT_EQ(at(26, 4 + 260 * 31, 260), record({31, 1, 0xFE, 0xFE}, Bytes(256, 0)));
+    EXPECT_EQ(at(26, 8324, 260), Bytes(260, 0xFE));
+    EXPECT_EQ(trace_count("u8DrivePresence="), 32);
+    EXPECT_TRUE(trace_has(2, "Slots=40: only 32 slot entries exist, the rest not shown"));
+}
+
+TEST_F(Simulation, LinkedInputsAreNotFollowedAndAShortFruFileIsZeroPadded)
+{
+    announce(1, 0);
+    root.touch("/elsewhere/status", "55\n");
+    root.touch("/elsewhere/fru", "FRU");
+    std::filesystem::create_symlink(root.path("/elsewhere/status"), root.path("/tmp/ssdstatus.txt"));
+    std::filesystem::create_symlink(root.path("/elsewhere/fru"), root.path("/tmp/ssdfru.bin"));
+    RTSHM_PCIeSSDSimulate();
+    EXPECT_EQ(at(20, 144, 2), (Bytes{0, 0}));
+    EXPECT_EQ(at(26, 8, 256), Bytes(256, 0));
+    EXPECT_EQ(trace_count("/tmp/ssdstatus.txt is not a regular file, not read"), 2);  // read twice on a change
+    EXPECT_TRUE(trace_has(2, "/tmp/ssdfru.bin is not a regular file, not read"));
+    EXPECT_EQ(root.read("/elsewhere/status"), "55\n");
+    EXPECT_EQ(root.read("/elsewhere/fru"), "FRU");
+
+    std::filesystem::remove(root.path("/tmp/ssdstatus.txt"));
+    std::filesystem::remove(root.path("/tmp/ssdfru.bin"));
+    root.touch("/tmp/ssdstatus.txt", "5");
+    write_fru(Bytes{1, 2, 3});
+    RTSHM_PCIeSSDSimulate();
+    Bytes padded(256, 0);
+    std::copy_n(Bytes{1, 2, 3}.begin(), 3, padded.begin());
+    EXPECT_EQ(at(26, 8, 256), padded);
+    EXPECT_TRUE(trace_has(4, "rt_shm.c:ReadFRUFile:"));
+    EXPECT_TRUE(trace_has(4, ":FRU bytes read=3 "));
 }
 
 }  // namespace

@@ -172,6 +172,45 @@ uint32_t RTSHM_StoreFRU(int32_t type, uint32_t index, uint32_t slot, int32_t bay
 uint32_t RTSHM_StoreFRU_Pelko(int32_t type, uint32_t index, uint32_t slot, const uint8_t *fru, uint8_t counter,
                               uint8_t temperature);
 
+/* ---- PCIe SSD drive status and simulation (regions 20 and 26) ---------------
+ *
+ * Results: 0 success, 3 a region access failed (traced at level 2 as
+ * "error, SHM Read" / "error, SHM Write"). A NULL pointer gives 0 with nothing
+ * done, which callers rely on.
+ */
+
+/* Reads u16DriveStatus of global slot `slot` (taken as a signed 16-bit value). */
+uint32_t RTSHM_readPciessdDriveStatusFromShm(uint16_t *status, int32_t slot);
+/* Writes the low 16 bits of `status` as u16DriveStatus of global slot `slot`,
+ * then advances u8StatusCounter by one (255 wraps to 0). A failed status write
+ * leaves the counter alone. */
+uint32_t updatePciessdDriveStatusToShm(uint32_t status, uint32_t slot);
+/* Writes the 128-byte drive-status area of `image` to region 20; the counter
+ * is not touched. */
+uint32_t updatePciessdiBCDDataToShm(const RtShmPcieSsdBp *image);
+
+/* The simulation inputs (under $RTVOX_ROOT in host builds). Both are opened
+ * only as regular files: a symbolic link or anything else at the path is
+ * refused with a level-2 line and treated as a missing file. */
+#define RTSHM_PCIESSD_STATUS_FILE "/tmp/ssdstatus.txt" /* first line: a decimal status word */
+#define RTSHM_PCIESSD_FRU_FILE "/tmp/ssdfru.bin"       /* raw bytes: the 256-byte FRU image */
+
+/* The decimal value of the status file's first line (at most 9 characters);
+ * 0 when the file is missing, refused or empty. */
+int32_t ReadStatusFile(void);
+/* Reads up to 256 bytes of the FRU file into `buffer` (past a short file the
+ * buffer keeps what it held). Answers the bytes read: 0 when the file is
+ * missing or refused, -1 for a NULL buffer. */
+int32_t ReadFRUFile(uint8_t *buffer);
+/* Fills regions 20 and 26 from the two files so that consumers can be
+ * exercised without PCIe SSD hardware: every described slot (at most 32)
+ * gets the file's status word and FRU image (zero past the end of a short
+ * file). The simulation keeps its own last status and presence sequence and
+ * writes nothing while neither changed; its status and FRU counters start at
+ * 0x80. Region failures are ignored. Its closing report lists at most the 32
+ * slot entries that exist; a larger slot count gets one level-2 line. */
+void RTSHM_PCIeSSDSimulate(void);
+
 #ifdef __cplusplus
 }
 #endif
