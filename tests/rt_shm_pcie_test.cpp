@@ -1,5 +1,5 @@
 // PCIe SSDs: FRU and temperature records (region 26), drive status and the
-// simulation (regions 20 and 26). Region bytes are read
+// simulation (regions 20 and 26), locate over IPMI. Region bytes are read
 // back from the host by offset, never through the library's structs.
 #include <gtest/gtest.h>
 
@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "rtvox/rt_shm.h"
+#include "rtvox/rtvox.h"
 #include "testsupport.h"
 #include "vornhost/vornhost.h"
 
@@ -312,6 +313,43 @@ TEST_F(Simulation, LinkedInputsAreNotFollowedAndAShortFruFileIsZeroPadded)
     EXPECT_EQ(at(26, 8, 256), padded);
     EXPECT_TRUE(trace_has(4, "rt_shm.c:ReadFRUFile:"));
     EXPECT_TRUE(trace_has(4, ":FRU bytes read=3 "));
+}
+
+// ---- locate over IPMI -----------------------------------------------------------------
+
+TEST_F(PcieSsd, LocateRequestsCarryBaySlotAndStatusWord)
+{
+    EXPECT_EQ(BlinkPCIeSSD(1, 5), 0u);
+    EXPECT_EQ(UnBlinkPCIeSSD(0x102, 0x1FF, 0x51234), 0u);  // each taken as a byte or a 16-bit word
+    const Bytes expected[] = {{0, 0x14, 0x0E, 0, 0, 0, 0x0E, 0, 1, 5, 0x08, 0, 0, 0, 0, 0, 0, 0, 0, 0},
+                              {0, 0x14, 0x0E, 0, 0, 0, 0x0E, 0, 2, 0xFF, 0x34, 0x12, 0, 0, 0, 0, 0, 0, 0, 0}};
+    for (uint32_t i = 0; i < 2; ++i) {
+        VornHostIpmiRequest request{};
+        ASSERT_EQ(vornhost_ipmi_get(i, &request), 0);
+        EXPECT_EQ(request.netFn, 0x30);
+        EXPECT_EQ(request.cmd, 0xD5);
+        EXPECT_EQ(Bytes(request.data, request.data + request.length), expected[i]);
+    }
+    EXPECT_NE(root.read("/var/log/rtvox.log").find("000000: 00 14 0e 00 00 00 0e 00 01 05 08 00 00 00 00 00 "),
+              std::string::npos);
+    EXPECT_TRUE(trace_has(4, ":-->Blink u8bayId=1 u8SSDSlotNum=5"));
+    EXPECT_TRUE(trace_has(4, ":-->UnBlink u8bayId=2 u8SSDSlotNum=255 u16DriveStatus=4660"));
+    EXPECT_EQ(trace_count("rtvox.c:UnBlinkPCIeSSD:"), 4);  // entry, two around the dump, the status
+    EXPECT_EQ(trace_count("IMPMICmd rc=0 LINE="), 2);
+}
+
+TEST_F(PcieSsd, LocateTestsOnlyTheLowEightBitsOfTheIpmiStatus)
+{
+    vornhost_ipmi_set_result(0x7700, nullptr, 0, 1);
+    EXPECT_EQ(BlinkPCIeSSD(1, 5), 0u);
+    vornhost_ipmi_set_result(0x7701, nullptr, 0, 1);
+    EXPECT_EQ(BlinkPCIeSSD(1, 5), 1u);
+    EXPECT_TRUE(trace_has(2, "rtvox.c:BlinkPCIeSSD:"));
+    EXPECT_TRUE(trace_has(2, ":Failed While Sending Blink Command u8SSDSlotNum=5"));
+    vornhost_fail(VORNHOST_IPMI_DoIPMICmd, 0, 1);
+    EXPECT_EQ(UnBlinkPCIeSSD(1, 6, 0), 1u);
+    EXPECT_TRUE(trace_has(4, "IMPMICmd rc=126 LINE="));
+    EXPECT_TRUE(trace_has(2, ":Failed While Sending UnBlink Command u8SSDSlotNum=6"));
 }
 
 }  // namespace
