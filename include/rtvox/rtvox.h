@@ -1,6 +1,6 @@
 /*
  * rtvox runtime support: the diagnostic log, the allocation pair, the
- * two-dimensional array and the marker-file switches.
+ * two-dimensional array, the marker-file switches and PCIe SSD locate.
  *
  * Every other public header of the library includes this one for the
  * layout macros below.
@@ -90,6 +90,20 @@ uint32_t IsrtvoxMIRUInventoryDisabled(void);
 uint32_t IsstressMIRUPollEnabled(int32_t *first, int32_t *second);
 /* 1 once per request: "/tmp/rtdump" exists and was removed; 0 otherwise. */
 uint32_t IsDumpEnabled(void);
+
+/* ---- PCIe SSD locate over IPMI --------------------------------------------- */
+
+/* One OEM request (network function 0x30, command 0xD5, 20 data bytes) makes
+ * the LED of a PCIe SSD in a backplane bay blink (status word 0x0008) or show
+ * `u16DriveStatus` again. The request is hex-dumped to the log file first.
+ * 0 = sent (the low 8 bits of the IPMI status are 0), 1 = failed; no retry.
+ * Bay and slot are taken as bytes and not checked. */
+#define RTVOX_IPMI_NETFN_OEM 0x30u
+#define RTVOX_IPMI_CMD_PCIESSD_LOCATE 0xD5u
+#define RTVOX_IPMI_LOCATE_REQUEST_SIZE 20u
+#define RTVOX_IPMI_LOCATE_BLINK 0x0008u
+uint32_t BlinkPCIeSSD(int32_t u8bayId, int32_t u8SSDSlotNum);
+uint32_t UnBlinkPCIeSSD(int32_t u8bayId, int32_t u8SSDSlotNum, int32_t u16DriveStatus);
 
 #ifdef __cplusplus
 }

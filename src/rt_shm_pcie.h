@@ -1,0 +1,20 @@
+// Region access shared by the PCIe SSD operations (regions 20, 26 and 15).
+#pragma once
+
+#include <cstdint>
+
+namespace rtvox::detail {
+
+// base + stride * index as a region offset, for a 32-bit index (signed or
+// not). One that comes out negative or does not fit in 32 bits becomes
+// 0xFFFFFFFF, which the platform refuses, instead of wrapping back to an
+// offset inside the region.
+uint32_t region_offset(uint32_t base, uint32_t stride, int64_t index);
+
+// Vorn_shm_memread / Vorn_shm_memwrite on behalf of the exported `function`:
+// false after a level-2 line "<message> retVal=<platform status> <offset>"
+// ("error, SHM Read" / "error, SHM Write") when the platform refuses.
+bool shm_read(const char *function, uint32_t region, void *buffer, uint32_t offset, uint32_t length);
+bool shm_write(const char *function, uint32_t region, const void *buffer, uint32_t offset, uint32_t length);
+
+}  // namespace rtvox::detail
