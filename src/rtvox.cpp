@@ -296,12 +296,22 @@ uint32_t IsstressMIRUPollEnabled(int32_t *first, int32_t *second)
 
 uint32_t IsDumpEnabled(void)
 {
-    if (!file_exists(kDumpRequest)) {
+    const std::string path = resolve_path(kDumpRequest);
+    struct stat st {};
+    if (lstat(path.c_str(), &st) != 0) {
+        return 0;
+    }
+    // Anyone may plant a link in /tmp. It is no request and stays where it
+    // is: removing it would consume a request nobody made, and the line
+    // below, repeated at every call, shows that it is there.
+    if (S_ISLNK(st.st_mode)) {
+        RT_TRACE(2, "<-- %s refused: %s is a symbolic link", __func__, kDumpRequest);
         return 0;
     }
     // The first caller to see the request consumes it; one that cannot
-    // remove it reports no dump and the request stays pending.
-    return remove(resolve_path(kDumpRequest).c_str()) == 0 ? 1 : 0;
+    // remove it reports no dump and the request stays pending. remove()
+    // never follows a link, so a link swapped in meanwhile loses only itself.
+    return remove(path.c_str()) == 0 ? 1 : 0;
 }
 
 }  // extern "C"

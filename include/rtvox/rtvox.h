@@ -88,7 +88,9 @@ uint32_t IsrtvoxMIRUInventoryDisabled(void);
 /* 1 when "/flash/data0/oem_ps/rt_vox_miru_poll" exists: its two numbers go to
  * first and second (0 and 3 when it does not hold two); 0 otherwise, outputs untouched. */
 uint32_t IsstressMIRUPollEnabled(int32_t *first, int32_t *second);
-/* 1 once per request: "/tmp/rtdump" exists and was removed; 0 otherwise. */
+/* 1 once per request: "/tmp/rtdump" exists and was removed; 0 otherwise.
+ * A symbolic link there is no request: it is left in place (the target is
+ * never touched) and refused with a level-2 trace line at every call. */
 uint32_t IsDumpEnabled(void);
 
 #ifdef __cplusplus
