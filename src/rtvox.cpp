@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <cwchar>
 #include <string>
 
 #include "paths.h"
@@ -312,6 +313,34 @@ uint32_t IsDumpEnabled(void)
     // remove it reports no dump and the request stays pending. remove()
     // never follows a link, so a link swapped in meanwhile loses only itself.
     return remove(path.c_str()) == 0 ? 1 : 0;
+}
+
+char *getFriendlyFQDDName(const wchar_t *fqdd)
+{
+    if (fqdd == nullptr) {
+        return nullptr;
+    }
+    const size_t length = wcslen(fqdd);
+    auto *text = static_cast<char *>(calloc(length + 1, 1));
+    if (text == nullptr) {
+        // The line shows the null buffer as glibc prints a null string,
+        // without handing printf a null pointer for %s.
+        RT_TRACE_LOG(4, "Failed to allocate memory for fqdd %s", "(null)");
+        return nullptr;
+    }
+    // "%ls" is the standard spelling of "%S"; characters that do not fit in
+    // one byte cut the text short, and the last byte stays the terminator.
+    snprintf(text, length + 1, "%ls", fqdd);
+    text[length] = '\0';
+    RT_TRACE(4, "converting to friendly fqdd:%s", text);
+    char *name = ConvertFQDDToFriendlyName(text);
+    if (name != nullptr) {
+        RT_TRACE(4, "converted friendly fqdd is %s", name);
+    } else {
+        RT_TRACE_LOG(4, "Failed to convert to friendly fqdd line:%d", __LINE__);
+    }
+    free(text);
+    return name;
 }
 
 }  // extern "C"

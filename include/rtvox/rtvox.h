@@ -93,6 +93,12 @@ uint32_t IsstressMIRUPollEnabled(int32_t *first, int32_t *second);
  * never touched) and refused with a level-2 trace line at every call. */
 uint32_t IsDumpEnabled(void);
 
+/* ---- friendly names ---------------------------------------------------------- */
+
+/* The platform's friendly name for a wide FQDD, newly allocated (the caller
+ * frees it with free), or NULL for a NULL or unknown FQDD. */
+char *getFriendlyFQDDName(const wchar_t *fqdd);
+
 #ifdef __cplusplus
 }
 #endif
