@@ -480,9 +480,16 @@ int32_t rtcache_PrintCache(void)
         return found;  // the dump is switched on by creating the file
     }
     RT_TRACE(4, "--> %s", __func__);
-    FILE *file = std::fopen(path.c_str(), "w");
+    // /tmp is writable by anyone: only a regular file is written, never the
+    // target of a link planted there.
+    bool refused = false;
+    FILE *file = rtvox::detail::open_regular_file(path, "w", &refused);
     if (file == nullptr) {
-        RT_TRACE(2, "<-- %s cannot open %s", __func__, kCacheDumpPath);
+        if (refused) {
+            RT_TRACE(2, "<-- %s refused: %s is not a regular file", __func__, kCacheDumpPath);
+        } else {
+            RT_TRACE(2, "<-- %s cannot open %s", __func__, kCacheDumpPath);
+        }
         return -1;
     }
     write_header(file, "Controllers");

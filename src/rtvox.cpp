@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <cwchar>
 #include <string>
 
 #include "paths.h"
@@ -296,12 +297,50 @@ uint32_t IsstressMIRUPollEnabled(int32_t *first, int32_t *second)
 
 uint32_t IsDumpEnabled(void)
 {
-    if (!file_exists(kDumpRequest)) {
+    const std::string path = resolve_path(kDumpRequest);
+    struct stat st {};
+    if (lstat(path.c_str(), &st) != 0) {
+        return 0;
+    }
+    // Anyone may plant a link in /tmp. It is no request and stays where it
+    // is: removing it would consume a request nobody made, and the line
+    // below, repeated at every call, shows that it is there.
+    if (S_ISLNK(st.st_mode)) {
+        RT_TRACE(2, "<-- %s refused: %s is a symbolic link", __func__, kDumpRequest);
         return 0;
     }
     // The first caller to see the request consumes it; one that cannot
-    // remove it reports no dump and the request stays pending.
-    return remove(resolve_path(kDumpRequest).c_str()) == 0 ? 1 : 0;
+    // remove it reports no dump and the request stays pending. remove()
+    // never follows a link, so a link swapped in meanwhile loses only itself.
+    return remove(path.c_str()) == 0 ? 1 : 0;
+}
+
+char *getFriendlyFQDDName(const wchar_t *fqdd)
+{
+    if (fqdd == nullptr) {
+        return nullptr;
+    }
+    const size_t length = wcslen(fqdd);
+    auto *text = static_cast<char *>(calloc(length + 1, 1));
+    if (text == nullptr) {
+        // The line shows the null buffer as glibc prints a null string,
+        // without handing printf a null pointer for %s.
+        RT_TRACE_LOG(4, "Failed to allocate memory for fqdd %s", "(null)");
+        return nullptr;
+    }
+    // "%ls" is the standard spelling of "%S"; characters that do not fit in
+    // one byte cut the text short, and the last byte stays the terminator.
+    snprintf(text, length + 1, "%ls", fqdd);
+    text[length] = '\0';
+    RT_TRACE(4, "converting to friendly fqdd:%s", text);
+    char *name = ConvertFQDDToFriendlyName(text);
+    if (name != nullptr) {
+        RT_TRACE(4, "converted friendly fqdd is %s", name);
+    } else {
+        RT_TRACE_LOG(4, "Failed to convert to friendly fqdd line:%d", __LINE__);
+    }
+    free(text);
+    return name;
 }
 
 }  // extern "C"

@@ -2,11 +2,15 @@
 // two-dimensional array and the marker-file switches.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <filesystem>
+#include <functional>
 #include <regex>
 #include <string>
 
+#include "rtvox/rt_cache.h"
 #include "rtvox/rtvox.h"
 #include "testsupport.h"
 #include "vornhost/vornhost.h"
@@ -263,6 +267,35 @@ TEST_F(MarkerFiles, DumpRequestIsConsumedOnceAndStaysWhenItCannotBeRemoved)
     root.touch("/tmp/rtdump/keep");  // a directory with content cannot be removed
     EXPECT_EQ(IsDumpEnabled(), 0u);
     EXPECT_TRUE(root.exists("/tmp/rtdump"));
+}
+
+TEST_F(MarkerFiles, LinksPlantedInTmpAreRefusedAndTheirTargetsKept)
+{
+    char target[] = "/tmp/rtvox-link-target-XXXXXX";  // outside the root
+    const int fd = mkstemp(target);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(write(fd, "keep\n", 5), 5);
+    close(fd);
+    const struct {
+        const char *path;
+        std::function<int32_t()> call;
+        int32_t result;
+        const char *line;
+    } cases[] = {
+        {"/tmp/rtdump", [] { return static_cast<int32_t>(IsDumpEnabled()); }, 0,
+         "<-- IsDumpEnabled refused: /tmp/rtdump is a symbolic link"},
+        {"/tmp/rtvox_cache.log", [] { return rtcache_PrintCache(); }, -1,
+         "<-- rtcache_PrintCache refused: /tmp/rtvox_cache.log is not a regular file"},
+    };
+    for (const auto &c : cases) {
+        ASSERT_EQ(symlink(target, root.path(c.path).c_str()), 0);
+        trace_start();
+        EXPECT_EQ(c.call(), c.result);
+        EXPECT_TRUE(trace_has(2, c.line)) << c.path;
+        EXPECT_TRUE(std::filesystem::is_symlink(root.path(c.path))) << c.path;
+    }
+    EXPECT_EQ(read_file(target), "keep\n");
+    std::filesystem::remove(target);
 }
 
 }  // namespace

@@ -88,7 +88,9 @@ uint32_t IsrtvoxMIRUInventoryDisabled(void);
 /* 1 when "/flash/data0/oem_ps/rt_vox_miru_poll" exists: its two numbers go to
  * first and second (0 and 3 when it does not hold two); 0 otherwise, outputs untouched. */
 uint32_t IsstressMIRUPollEnabled(int32_t *first, int32_t *second);
-/* 1 once per request: "/tmp/rtdump" exists and was removed; 0 otherwise. */
+/* 1 once per request: "/tmp/rtdump" exists and was removed; 0 otherwise.
+ * A symbolic link there is no request: it is left in place (the target is
+ * never touched) and refused with a level-2 trace line at every call. */
 uint32_t IsDumpEnabled(void);
 
 /* ---- PCIe SSD locate over IPMI --------------------------------------------- */
@@ -104,6 +106,12 @@ uint32_t IsDumpEnabled(void);
 #define RTVOX_IPMI_LOCATE_BLINK 0x0008u
 uint32_t BlinkPCIeSSD(int32_t u8bayId, int32_t u8SSDSlotNum);
 uint32_t UnBlinkPCIeSSD(int32_t u8bayId, int32_t u8SSDSlotNum, int32_t u16DriveStatus);
+
+/* ---- friendly names ---------------------------------------------------------- */
+
+/* The platform's friendly name for a wide FQDD, newly allocated (the caller
+ * frees it with free), or NULL for a NULL or unknown FQDD. */
+char *getFriendlyFQDDName(const wchar_t *fqdd);
 
 #ifdef __cplusplus
 }
