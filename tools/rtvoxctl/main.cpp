@@ -47,6 +47,7 @@ int run_demo(const std::string &dir, int level)
     rtvoxctl::demo_sync(demo);
     rtvoxctl::demo_cache(demo);
     rtvoxctl::demo_events(demo);
+    rtvoxctl::demo_backplane(demo);
     rtvoxctl::demo_stop(demo);
     std::printf("\nDone. The demo's files stay in %s\n", dir.c_str());
     return 0;
