@@ -50,6 +50,10 @@ void trace_record_end(const char *function, const char *what, uint32_t index)
 
 namespace {
 
+// The helpers trace in the name of the exported function they serve.
+constexpr const char *kPrint = "VornBpPrintApiInfo";
+constexpr const char *kUpdate = "rtshm_BpDataUpdate";
+
 // Only the low byte of a backplane status is meaningful; 0 is success.
 bool bp_failed(uint32_t status)
 {
@@ -68,63 +72,59 @@ void print_downstream_ids(const RtShmBpApiInfo *info, const RtShmBpBay *bay)
     const auto first = static_cast<uint32_t>(bay->downstreamBayIds - record);
     for (uint32_t k = 0; k < bay->downstreamCnt; ++k) {
         if (first + k >= RTSHM_BP_INFO_SIZE) {
-            trace_record_end("VornBpPrintApiInfo", "downstream bay id", k);
+            trace_record_end(kPrint, "downstream bay id", k);
             return;
         }
-        RT_TRACE_AS("VornBpPrintApiInfo", 4, "Downstream Bay Ids :%d ", record[first + k]);
+        RT_TRACE_AS(kPrint, 4, "Downstream Bay Ids :%d ", record[first + k]);
     }
 }
 
 void print_bay(const RtShmBpApiInfo *info, const RtShmBpBay *bay)
 {
-    RT_TRACE_AS("VornBpPrintApiInfo", 4, "Bay Id: %d %s", bay->bayId,
-                bay->inventory != 0 ? "Inventory" : "No Inventory");
-    RT_TRACE_AS("VornBpPrintApiInfo", 4, "Comp Id:      0x%02x%02x%02x", bay->compId[2], bay->compId[1],
-                bay->compId[0]);
-    RT_TRACE_AS("VornBpPrintApiInfo", 4, "Fw Version:   %x.%x", bay->fwMajor, bay->fwMinor);
-    RT_TRACE_AS("VornBpPrintApiInfo", 4, "Technology:   %d", bay->tech);
-    RT_TRACE_AS("VornBpPrintApiInfo", 4, "bpId:   %d size:%d", le16(bay->bpId), bay->size);
-    RT_TRACE_AS("VornBpPrintApiInfo", 4, "pcieSlotMap:   %d", static_cast<int>(le32(bay->pcieSlotMap)));
-    RT_TRACE_AS("VornBpPrintApiInfo", 4, "Carrier          :%d", bay->size);
-    RT_TRACE_AS("VornBpPrintApiInfo", 4, "Pri/Sec          :%d", bay->priSec);
-    RT_TRACE_AS("VornBpPrintApiInfo", 4, "Physical Slot Cnt:%d", bay->physSlotCnt);
-    RT_TRACE_AS("VornBpPrintApiInfo", 4, "Logical Slot Cnt :%d", bay->logicalSlotCnt);
-    RT_TRACE_AS("VornBpPrintApiInfo", 4, "Physical Drve Cnt:%d", bay->physDriveCnt);
-    RT_TRACE_AS("VornBpPrintApiInfo", 4, "Downstream Cnt   :%d", bay->downstreamCnt);
+    RT_TRACE_AS(kPrint, 4, "Bay Id: %d %s", bay->bayId, bay->inventory != 0 ? "Inventory" : "No Inventory");
+    RT_TRACE_AS(kPrint, 4, "Comp Id:      0x%02x%02x%02x", bay->compId[2], bay->compId[1], bay->compId[0]);
+    RT_TRACE_AS(kPrint, 4, "Fw Version:   %x.%x", bay->fwMajor, bay->fwMinor);
+    RT_TRACE_AS(kPrint, 4, "Technology:   %d", bay->tech);
+    RT_TRACE_AS(kPrint, 4, "bpId:   %d size:%d", le16(bay->bpId), bay->size);
+    RT_TRACE_AS(kPrint, 4, "pcieSlotMap:   %d", static_cast<int>(le32(bay->pcieSlotMap)));
+    RT_TRACE_AS(kPrint, 4, "Carrier          :%d", bay->size);
+    RT_TRACE_AS(kPrint, 4, "Pri/Sec          :%d", bay->priSec);
+    RT_TRACE_AS(kPrint, 4, "Physical Slot Cnt:%d", bay->physSlotCnt);
+    RT_TRACE_AS(kPrint, 4, "Logical Slot Cnt :%d", bay->logicalSlotCnt);
+    RT_TRACE_AS(kPrint, 4, "Physical Drve Cnt:%d", bay->physDriveCnt);
+    RT_TRACE_AS(kPrint, 4, "Downstream Cnt   :%d", bay->downstreamCnt);
     if (bay->priSec == 0) {
-        RT_TRACE_AS("VornBpPrintApiInfo", 4, "Primary Bay Id:%d", bay->primaryBayId);
+        RT_TRACE_AS(kPrint, 4, "Primary Bay Id:%d", bay->primaryBayId);
     } else if (bay->downstreamCnt != 0) {
         // The firmware reports both downstream counts in the primary-bay byte.
-        RT_TRACE_AS("VornBpPrintApiInfo", 4, "Downstream Slot Cnt:%d", bay->primaryBayId);
-        RT_TRACE_AS("VornBpPrintApiInfo", 4, "Downstream Drive Cnt:%d", bay->primaryBayId);
+        RT_TRACE_AS(kPrint, 4, "Downstream Slot Cnt:%d", bay->primaryBayId);
+        RT_TRACE_AS(kPrint, 4, "Downstream Drive Cnt:%d", bay->primaryBayId);
         print_downstream_ids(info, bay);
     }
 
-    RT_TRACE_AS("VornBpPrintApiInfo", 4, "Drive Info, %d drives:", bay->physDriveCnt);
+    RT_TRACE_AS(kPrint, 4, "Drive Info, %d drives:", bay->physDriveCnt);
     for (uint32_t d = 0; d < info->driveCnt; ++d) {
         const RtShmBpDrive *drive = drive_entry(info, d);
         if (drive == nullptr) {
-            trace_record_end("VornBpPrintApiInfo", "drive", d);
+            trace_record_end(kPrint, "drive", d);
             break;
         }
         if (drive->bayId == bay->bayId) {
-            RT_TRACE_AS("VornBpPrintApiInfo", 4, "NVMe SSD Slot:%d with an extenderSlot %d:", drive->driveSlot,
-                        drive->extenderSlot);
-            RT_TRACE_AS("VornBpPrintApiInfo", 4, "Drive %2d, Sensor 0x%02x, Bay %d, State:%d", drive->driveId,
-                        drive->sensor, drive->bayId, le16(drive->state));
+            RT_TRACE_AS(kPrint, 4, "NVMe SSD Slot:%d with an extenderSlot %d:", drive->driveSlot, drive->extenderSlot);
+            RT_TRACE_AS(kPrint, 4, "Drive %2d, Sensor 0x%02x, Bay %d, State:%d", drive->driveId, drive->sensor,
+                        drive->bayId, le16(drive->state));
         }
     }
 
-    RT_TRACE_AS("VornBpPrintApiInfo", 4, "Riser Info, %d risers:", bay->riserCnt);
+    RT_TRACE_AS(kPrint, 4, "Riser Info, %d risers:", bay->riserCnt);
     for (uint32_t r = 0; r < info->riserCnt; ++r) {
         const RtShmBpRiser *riser = riser_entry(info, r);
         if (riser == nullptr) {
-            trace_record_end("VornBpPrintApiInfo", "riser", r);
+            trace_record_end(kPrint, "riser", r);
             break;
         }
         if (riser->present != 0 && riser->bayId == bay->bayId) {
-            RT_TRACE_AS("VornBpPrintApiInfo", 4, "Number: %d, Type: 0x%02x, Slot %d", riser->num, riser->type,
-                        riser->Slot);
+            RT_TRACE_AS(kPrint, 4, "Number: %d, Type: 0x%02x, Slot %d", riser->num, riser->type, riser->Slot);
         }
     }
 }
@@ -137,12 +137,12 @@ void update_slots(const RtShmBpApiInfo *info, const RtShmBpBay *bay)
     for (uint32_t d = 0; d < info->slotCnt; ++d) {
         const RtShmBpDrive *drive = drive_entry(info, d);
         if (drive == nullptr) {
-            trace_record_end("rtshm_BpDataUpdate", "drive", d);
+            trace_record_end(kUpdate, "drive", d);
             return;
         }
-        RT_TRACE_AS("rtshm_BpDataUpdate", 4, " u8SlotNo:%d, drive->bayId:%d, bayId:%d, driveSlot:%d ",
-                    static_cast<int>(d), drive->bayId, bayId, drive->driveSlot);
-        if (drive->bayId != bayId || !in_table("rtshm_BpDataUpdate", "slot", drive->driveSlot, RTSHM_NVME_SLOTS)) {
+        RT_TRACE_AS(kUpdate, 4, " u8SlotNo:%d, drive->bayId:%d, bayId:%d, driveSlot:%d ", static_cast<int>(d),
+                    drive->bayId, bayId, drive->driveSlot);
+        if (drive->bayId != bayId || !in_table(kUpdate, "slot", drive->driveSlot, RTSHM_NVME_SLOTS)) {
             continue;
         }
         const uint16_t state = le16(drive->state);
@@ -155,10 +155,9 @@ void update_slots(const RtShmBpApiInfo *info, const RtShmBpBay *bay)
         shared_store(slot.u8DriveTech, drive->tech);
         shared_store(slot.u8ExtenderSlot, drive->extenderSlot);
         shared_store(au16DriveState[bayId][drive->driveSlot], state);
-        RT_TRACE_AS("rtshm_BpDataUpdate", 4, " drive->driveId:%d drive->state:%d baySlot:%d ", drive->driveId, state,
+        RT_TRACE_AS(kUpdate, 4, " drive->driveId:%d drive->state:%d baySlot:%d ", drive->driveId, state,
                     drive->driveSlot);
-        RT_TRACE_AS("rtshm_BpDataUpdate", 5, " drive->extenderSlot:%d drive->tech:%d ", drive->extenderSlot,
-                    drive->tech);
+        RT_TRACE_AS(kUpdate, 5, " drive->extenderSlot:%d drive->tech:%d ", drive->extenderSlot, drive->tech);
     }
 }
 
@@ -168,16 +167,16 @@ void update_extenders(const RtShmBpApiInfo *info, uint8_t bayId)
     for (uint32_t r = 0; r < info->riserCnt; ++r) {
         const RtShmBpRiser *riser = riser_entry(info, r);
         if (riser == nullptr) {
-            trace_record_end("rtshm_BpDataUpdate", "riser", r);
+            trace_record_end(kUpdate, "riser", r);
             return;
         }
-        RT_TRACE_AS("rtshm_BpDataUpdate", 4, "Riser details :riser->Slot=%d, riser->bayId:%d riser->num:%d",
-                    riser->Slot, riser->bayId, riser->num);
+        RT_TRACE_AS(kUpdate, 4, "Riser details :riser->Slot=%d, riser->bayId:%d riser->num:%d", riser->Slot,
+                    riser->bayId, riser->num);
         if (riser->bayId != bayId) {
             continue;
         }
-        RT_TRACE_AS("rtshm_BpDataUpdate", 4, "Extern Found, @PCIe Slot =%d, Type:%d", riser->Slot, riser->type);
-        if (!in_table("rtshm_BpDataUpdate", "riser index", r, RTSHM_NVME_EXTENDERS)) {
+        RT_TRACE_AS(kUpdate, 4, "Extern Found, @PCIe Slot =%d, Type:%d", riser->Slot, riser->type);
+        if (!in_table(kUpdate, "riser index", r, RTSHM_NVME_EXTENDERS)) {
             continue;
         }
         RtShmNVMeExtender &extender = sNVMeSSDBPInfo.extender[r];
@@ -191,14 +190,14 @@ void update_extenders(const RtShmBpApiInfo *info, uint8_t bayId)
 void update_bay(const RtShmBpApiInfo *info, const RtShmBpBay *bay, uint32_t bayNo)
 {
     const uint8_t bayId = bay->bayId;
-    RT_TRACE_AS("rtshm_BpDataUpdate", 4, " Bay Id: %d u8BayNo: %d bay->tech:%d u8BayCount:%d ", bayId,
-                static_cast<int>(bayNo), bay->tech, shared_load(sNVMeSSDBPInfo.u8BayCount));
+    RT_TRACE_AS(kUpdate, 4, " Bay Id: %d u8BayNo: %d bay->tech:%d u8BayCount:%d ", bayId, static_cast<int>(bayNo),
+                bay->tech, shared_load(sNVMeSSDBPInfo.u8BayCount));
     if (!is_nvme(bay->tech)) {
-        RT_TRACE_AS("rtshm_BpDataUpdate", 4, " Not a NVMe BP, Hence skipping bpType=%d u8BayNo=%d ", bay->tech,
+        RT_TRACE_AS(kUpdate, 4, " Not a NVMe BP, Hence skipping bpType=%d u8BayNo=%d ", bay->tech,
                     static_cast<int>(bayNo));
         return;
     }
-    if (!in_table("rtshm_BpDataUpdate", "bay id", bayId, RTSHM_NVME_BAYS)) {
+    if (!in_table(kUpdate, "bay id", bayId, RTSHM_NVME_BAYS)) {
         return;
     }
     RtShmNVMeBay &entry = sNVMeSSDBPInfo.bay[bayId];
@@ -206,8 +205,8 @@ void update_bay(const RtShmBpApiInfo *info, const RtShmBpBay *bay, uint32_t bayN
     shared_store(entry.u8SlotCount, bay->physSlotCnt);
     shared_store(entry.u8FwMajor, bay->fwMajor);
     shared_store(entry.u8FwMinor, bay->fwMinor);
-    RT_TRACE_AS("rtshm_BpDataUpdate", 4, "Fw Version:   %x.%x", bay->fwMajor, bay->fwMinor);
-    RT_TRACE_AS("rtshm_BpDataUpdate", 4, "u8BayNo:%d bayId=%d: slotCnt=%d slotCnt:%d", static_cast<int>(bayNo), bayId,
+    RT_TRACE_AS(kUpdate, 4, "Fw Version:   %x.%x", bay->fwMajor, bay->fwMinor);
+    RT_TRACE_AS(kUpdate, 4, "u8BayNo:%d bayId=%d: slotCnt=%d slotCnt:%d", static_cast<int>(bayNo), bayId,
                 bay->physSlotCnt, info->slotCnt);
     update_slots(info, bay);
     update_extenders(info, bayId);

@@ -9,6 +9,9 @@ using namespace rtvox::shm;
 
 namespace {
 
+// The helpers trace in the callback's name.
+constexpr const char *kCallback = "NVMeHotPlugCallback";
+
 // The reported state of every NVMe drive among the first slotCnt goes to the
 // pending table; its slot entry takes the bay id and drive technology.
 void collect_pending(const RtShmBpApiInfo *info)
@@ -16,10 +19,10 @@ void collect_pending(const RtShmBpApiInfo *info)
     for (uint32_t d = 0; d < info->slotCnt; ++d) {
         const RtShmBpDrive *drive = drive_entry(info, d);
         if (drive == nullptr) {
-            trace_record_end("NVMeHotPlugCallback", "drive", d);
+            trace_record_end(kCallback, "drive", d);
             return;
         }
-        if (!is_nvme(drive->tech) || !slot_in_table("NVMeHotPlugCallback", drive->bayId, drive->driveSlot)) {
+        if (!is_nvme(drive->tech) || !slot_in_table(kCallback, drive->bayId, drive->driveSlot)) {
             continue;
         }
         shared_store(au16PendingDriveState[drive->bayId][drive->driveSlot], le16(drive->state));
@@ -42,12 +45,12 @@ void commit_changes()
             if (pending == current) {
                 continue;
             }
-            RT_TRACE_AS("NVMeHotPlugCallback", 4, "%s bayID:%d, slot:%d, NewState:0x%x, OldState:0x%x",
-                        "HotPlug:NVMe DriveStatus", static_cast<int>(bay), static_cast<int>(slot), pending, current);
+            RT_TRACE_AS(kCallback, 4, "%s bayID:%d, slot:%d, NewState:0x%x, OldState:0x%x", "HotPlug:NVMe DriveStatus",
+                        static_cast<int>(bay), static_cast<int>(slot), pending, current);
             shared_store(au16DriveState[bay][slot], pending);
             shared_store(au16PendingDriveState[bay][slot], uint16_t{0});
             shared_store(sNVMeSSDBPInfo.slot[bay][slot].u16DriveState, pending);
-            RT_TRACE_AS("NVMeHotPlugCallback", 4, "baySlot:%d, au16DriveStatus:%d", static_cast<int>(slot), pending);
+            RT_TRACE_AS(kCallback, 4, "baySlot:%d, au16DriveStatus:%d", static_cast<int>(slot), pending);
         }
     }
 }

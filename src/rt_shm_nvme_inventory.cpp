@@ -16,6 +16,9 @@ using rtvox::cache::CacheLock;
 
 namespace {
 
+// The helpers trace in the name of the exported function they serve.
+constexpr const char *kBackplane = "processNVMeBackplaneInfo";
+
 // Text buffers, in wide characters, terminator included.
 constexpr size_t kExtenderFqddChars = 100 / sizeof(wchar_t);  // "PCIeExtender.Slot.%ld"
 constexpr size_t kExtenderNameChars = 80 / sizeof(wchar_t);   // "PCIe Extender %d"
@@ -63,32 +66,31 @@ wchar_t *backplane_fqdd(uint8_t bayId, uint8_t extenderSlot)
     if (extenderSlot == 0) {
         wchar_t *fqdd = wide_buffer(kPlainBackplaneFqddChars);
         if (fqdd == nullptr) {
-            RT_TRACE_AS("processNVMeBackplaneInfo", 1, "%s rtvox_alloc Failed @No Extender, BayId=%d", "ProcessBP",
-                        bayId);
+            RT_TRACE_AS(kBackplane, 1, "%s rtvox_alloc Failed @No Extender, BayId=%d", "ProcessBP", bayId);
             return nullptr;
         }
         std::swprintf(fqdd, kPlainBackplaneFqddChars, L"Enclosure.Internal.0-%ld", static_cast<long>(bayId));
-        RT_TRACE_AS("processNVMeBackplaneInfo", 4, "%s bpFQDD=%ls", "Framing FQDD w/o extndr Done!", fqdd);
+        RT_TRACE_AS(kBackplane, 4, "%s bpFQDD=%ls", "Framing FQDD w/o extndr Done!", fqdd);
         return fqdd;
     }
     RtCacheExtender *extender = nullptr;
     if (fetch(RTCACHE_KEY_PCIESSD_EXTENDER, extenderSlot, &extender) != 0 || extender == nullptr) {
-        RT_TRACE_AS("processNVMeBackplaneInfo", 3, "Extender Read Error or Not Available");
+        RT_TRACE_AS(kBackplane, 3, "Extender Read Error or Not Available");
         return nullptr;
     }
     if (extender->pFQDD == nullptr) {
-        RT_TRACE_AS("processNVMeBackplaneInfo", 3, "Extender is not available in the server");
+        RT_TRACE_AS(kBackplane, 3, "Extender is not available in the server");
         return nullptr;
     }
-    RT_TRACE_AS("processNVMeBackplaneInfo", 4, "%s u8ExtenderSlot:%d", "Extender Info Available", extenderSlot);
+    RT_TRACE_AS(kBackplane, 4, "%s u8ExtenderSlot:%d", "Extender Info Available", extenderSlot);
     wchar_t *fqdd = wide_buffer(kBackplaneFqddChars);
     if (fqdd == nullptr) {
-        RT_TRACE_AS("processNVMeBackplaneInfo", 1, "%s rtvox_alloc Failed BayId=%d", "ProcessBP", bayId);
+        RT_TRACE_AS(kBackplane, 1, "%s rtvox_alloc Failed BayId=%d", "ProcessBP", bayId);
         return nullptr;
     }
     std::swprintf(fqdd, kBackplaneFqddChars, L"Enclosure.Internal.0-%ld:%ls", static_cast<long>(bayId),
                   extender->pFQDD);
-    RT_TRACE_AS("processNVMeBackplaneInfo", 4, "%s bpFQDD=%ls", "Framing FQDD with Extndr Done!", fqdd);
+    RT_TRACE_AS(kBackplane, 4, "%s bpFQDD=%ls", "Framing FQDD with Extndr Done!", fqdd);
     return fqdd;
 }
 
@@ -96,11 +98,11 @@ wchar_t *backplane_name(uint8_t bayId)
 {
     wchar_t *name = wide_buffer(kBackplaneNameChars);
     if (name == nullptr) {
-        RT_TRACE_AS("processNVMeBackplaneInfo", 1, "%s rtvox_alloc Failed for NAME, BayId=%d", "ProcessBP", bayId);
+        RT_TRACE_AS(kBackplane, 1, "%s rtvox_alloc Failed for NAME, BayId=%d", "ProcessBP", bayId);
         return nullptr;
     }
     std::swprintf(name, kBackplaneNameChars, L"PCIe SSD BP %d", bayId);
-    RT_TRACE_AS("processNVMeBackplaneInfo", 4, "PCIeSSD BP NAME=%ls", name);
+    RT_TRACE_AS(kBackplane, 4, "PCIeSSD BP NAME=%ls", name);
     return name;
 }
 
