@@ -2,6 +2,7 @@
 # Installs the Debian packages that both build legs need, when they are missing.
 #   i386:  gcc/g++ multilib (-m32), cmake, ninja, GoogleTest sources, valgrind
 #   armhf: clang + lld over Debian's armhf cross libraries, qemu-user to run tests
+#   fuzz:  clang's libFuzzer and sanitizer runtimes for i386 (libclang-rt-14-dev)
 # Never installs gcc-arm-linux-gnueabihf / g++-arm-linux-gnueabihf (they fight
 # with gcc-multilib) nor linux-libc-dev:i386 (apt then drops the toolchain).
 set -u
@@ -9,7 +10,7 @@ set -u
 packages=(
   build-essential cmake ninja-build pkg-config git
   gcc-multilib g++-multilib
-  clang lld clang-format clang-tidy
+  clang lld clang-format clang-tidy libclang-rt-14-dev
   libc6-dev-armhf-cross libstdc++-12-dev-armhf-cross libgcc-12-dev-armhf-cross
   qemu-user
   googletest valgrind

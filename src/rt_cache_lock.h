@@ -1,5 +1,6 @@
 // The cache lock as a scope: taken on construction (waiting without limit),
-// released on destruction when it was taken. Private to the cache module.
+// released on destruction when it was taken. Private to the library: the cache
+// module and the NVMe inventory, which holds the cache lock while it stores.
 #pragma once
 
 #include <cstdint>

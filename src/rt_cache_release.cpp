@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "rt_cache_lock.h"
+#include "rt_cache_release.h"
 #include "rtvox/rt_cache.h"
 #include "rtvox/rt_dup.h"
 #include "trace.h"
@@ -106,6 +107,38 @@ bool is_pciessd_type(uint8_t type)
 }
 
 }  // namespace
+
+namespace rtvox::cache {
+
+void release_extender(RtCacheExtender *&extender)
+{
+    if (extender != nullptr) {
+        release_block(extender->pName);
+        release_block(extender->pFQDD);
+        release_block(extender);
+    }
+}
+
+void release_enclosure(RtEnclosure *&enclosure)
+{
+    if (enclosure != nullptr) {
+        release(enclosure->hdr.FQDD);
+        enclosure->hdr.FQDD = nullptr;
+        release(enclosure->NAME);
+        enclosure->NAME = nullptr;
+        release_block(enclosure);
+    }
+}
+
+void release_backplane(RtCacheBackplane *&backplane)
+{
+    if (backplane != nullptr) {
+        release_enclosure(backplane->pEnclosure);
+        release_block(backplane);
+    }
+}
+
+}  // namespace rtvox::cache
 
 extern "C" {
 
@@ -286,11 +319,7 @@ int32_t rtcache_FreeMem(void)
         // 3. PCIe SSD extenders.
         RT_TRACE(4, "Freeing PCIeSSD extenders");
         for (RtCacheExtender *&extender : cache_Extndrs) {
-            if (extender != nullptr) {
-                release_block(extender->pName);
-                release_block(extender->pFQDD);
-                release_block(extender);
-            }
+            rtvox::cache::release_extender(extender);
         }
 
         // 4. PCIe SSD backplanes, the limit included, each with its enclosure record.
@@ -301,16 +330,11 @@ int32_t rtcache_FreeMem(void)
             if (backplane == nullptr) {
                 continue;
             }
-            if (RtEnclosure *enclosure = backplane->pEnclosure; enclosure != nullptr) {
+            if (backplane->pEnclosure != nullptr) {
                 RT_TRACE(5, "Freeing Enclosure FQDD");
-                release(enclosure->hdr.FQDD);
-                enclosure->hdr.FQDD = nullptr;
                 RT_TRACE(5, "Freeing Enclosure NAME");
-                release(enclosure->NAME);
-                enclosure->NAME = nullptr;
-                release_block(backplane->pEnclosure);
             }
-            release_block(backplane);
+            rtvox::cache::release_backplane(backplane);
         }
 
         // 5. Value slots: every non-zero value is a block.

@@ -26,7 +26,9 @@
  *
  *   Fields without a name of their own are named after what they hold:
  *   objType (offset 0), the physical disk's `state` (offset 100), the
- *   enclosure's `Position` (offset 70), the text pointer `pText` of an
+ *   enclosure's `Position` (offset 70) and, for a PCIe SSD backplane, its
+ *   `u8SlotCount` and `u8DriveCount` (offsets 71 and 72, next to the position
+ *   byte; the NVMe inventory fills them), the text pointer `pText` of an
  *   adapter text slot and the adapter key's closing 16-bit field `u16Tail`.
  *   Fields that other modules will read but whose offsets are not settled yet
  *   stay inside the plain byte arrays until they are.
@@ -259,8 +261,10 @@ typedef struct RTVOX_PACKED RtEnclosure {
     uint8_t rsvd12[4];
     RtRecordHdr hdr; /* FQDD shared with the source when VERSION is 0 */
     uint8_t rsvd24[46];
-    uint8_t Position; /* enclosure position */
-    uint8_t rsvd71[441];
+    uint8_t Position;     /* enclosure position */
+    uint8_t u8SlotCount;  /* slots of a PCIe SSD backplane (set by the NVMe inventory) */
+    uint8_t u8DriveCount; /* drives of a PCIe SSD backplane (set by the NVMe inventory) */
+    uint8_t rsvd73[439];
 } RtEnclosure;
 RTVOX_ASSERT_SIZE(RtEnclosure, 512);
 RTVOX_ASSERT_OFFSET(RtEnclosure, objType, 0);
@@ -268,6 +272,8 @@ RTVOX_ASSERT_OFFSET(RtEnclosure, NAME, 8);
 RTVOX_ASSERT_OFFSET(RtEnclosure, hdr.VERSION, 16);
 RTVOX_ASSERT_OFFSET(RtEnclosure, hdr.FQDD, 20);
 RTVOX_ASSERT_OFFSET(RtEnclosure, Position, 70);
+RTVOX_ASSERT_OFFSET(RtEnclosure, u8SlotCount, 71);
+RTVOX_ASSERT_OFFSET(RtEnclosure, u8DriveCount, 72);
 
 /* ---- foreign configuration ------------------------------------------------------------------ */
 

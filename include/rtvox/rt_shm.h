@@ -12,6 +12,344 @@
 extern "C" {
 #endif
 
+/* ============================================================================
+ * Backplane API and NVMe drives
+ *
+ * The backplane firmware describes every drive bay, drive slot and PCIe riser
+ * in one 738-byte API info record. The library keeps one long-lived session
+ * to the backplane API (bpAPIHandler), reads the record, traces it, condenses
+ * its NVMe part into sNVMeSSDBPInfo and the drive-state tables, follows hot
+ * plug through NVMeHotPlugCallback, and turns the condensed view into cached
+ * extender (key type 6) and backplane (key type 5) objects.
+ *
+ * Session
+ *   rtshm_BpApiInit opens the session once (with NVMeHotPlugCallback) and
+ *   never closes it; later calls reuse it. Every backplane call carries the
+ *   library's own file ("rt_shm.c"), function and line for the API's tracing.
+ *   Only the low 8 bits of a backplane status are tested; 0 is success.
+ *
+ * Drive-state tables
+ *   Two tables of 3 bay ids x 32 slots of 16-bit states: the current states
+ *   (read and written by the accessors below, written by the update and the
+ *   callback) and the pending states reported by hot plug. Both are zeroed by
+ *   rtshm_BpApiInit. Other modules of the library reach them through the
+ *   private header rt_shm_internal.h.
+ *
+ * Hot plug (behaviour other firmware relies on, kept as it is)
+ *   The callback writes each NVMe drive's reported state (drive technology 1
+ *   or 4) into the pending table, then commits every slot whose pending state
+ *   differs from the current one: current = pending, pending = 0, and the new
+ *   state also goes to the slot entry. A slot whose pending state already
+ *   equalled the current one keeps that pending value, so a later callback
+ *   that no longer reports the drive leaves the slot unchanged; a committed
+ *   slot (pending 0) reads as absent in the next callback unless the drive is
+ *   reported again.
+ *
+ * Inventory
+ *   rtshm_getNVMeExtcard must run before rtshm_getNVMeBPs: a backplane whose
+ *   first NVMe slot hangs on an extender nests the cached extender's FQDD
+ *   ("Enclosure.Internal.0-%ld:%ls"). If that extender is not cached or has no
+ *   FQDD, the backplane gets no FQDD at all (no fallback to the plain form
+ *   "Enclosure.Internal.0-%ld", which is used only for slots without an
+ *   extender). Both processing calls hold mutexRtCache throughout and release
+ *   it on every path; an object that is not stored is freed with every buffer
+ *   allocated for it. A missing FQDD or name buffer is only traced.
+ *   Buffers: extender FQDD 100 bytes (swprintf limit 25), extender name 80
+ *   bytes (limit 20); backplane FQDD 45 wide characters with an extender, 24
+ *   without, backplane name 15 ("Enclosure.Internal.0-10:PCIeExtender.Slot.10",
+ *   "Enclosure.Internal.0-10" and "PCIe SSD BP 10" with their terminators);
+ *   longer texts are cut. The backplane's enclosure record gets NAME,
+ *   hdr.FQDD, u8SlotCount and u8DriveCount and nothing else. The drive count
+ *   comes from byte 3 of the bay entry, which the update never fills.
+ *
+ * Concurrency
+ *   sNVMeSSDBPInfo and the drive-state tables are shared by the service's
+ *   threads and the backplane API's callback thread without a lock, by
+ *   design. Every access the library makes to them is a single access of the
+ *   field's width (a 16-bit state is never torn): loads are relaxed atomic
+ *   loads and stores sequentially consistent atomic stores, so race checkers
+ *   accept them. Readers outside the library should read single fields too.
+ *
+ * Choices made here where the contract leaves room
+ *   - Memory safety: the API info record is read only inside its 738 bytes
+ *     whatever its counts say: a bay, drive or riser entry (or a downstream
+ *     bay id) that would pass the record's end is not read, and the walk
+ *     stops there with a level-2 line. The tables are written only inside
+ *     their rows: a bay id of 3 or more, a slot of 32 or more or a riser
+ *     index of 16 or more is skipped with a level-2 line "<-- error %s %d is
+ *     out of range" in the update, the callback, the inventory walk and the
+ *     accessors; the accessors then answer 2 and write nothing.
+ *     rtshm_getExtenderSlotFromDriveSlot refuses a bay id of 3 or more the
+ *     same way (slots above 31 keep their own "Invalid DriveSlot" answer 2).
+ *     Within bounds every rule above holds exactly.
+ *   - A NULL output or entry pointer answers 2 ("<-- err null inputs").
+ *   - An extender or backplane found in the cache is updated in place; the
+ *     texts and enclosure record it held are released when new ones replace
+ *     them, so repeated inventories do not leak. An object already in the
+ *     cache is never freed by a failed call.
+ *   - The backplane's 512-byte enclosure record is part of the object: if it
+ *     cannot be allocated the call answers 3 like a failed object allocation
+ *     (a new object is freed; a cached one keeps its earlier record).
+ *   - The backplane key is the slot entry's bay id, which equals the bay
+ *     entry's whenever rtshm_getNVMeBPs makes the call.
+ *   - The enclosure record's slot and drive counts sit at bytes 71 and 72,
+ *     next to its position byte (see rt_dup.h).
+ * ========================================================================== */
+
+#define RTSHM_BP_INFO_SIZE 738u      /* API info record */
+#define RTSHM_BP_BAY_OFFSET 8u       /* bay entry b at 8 + 51 b */
+#define RTSHM_BP_DRIVE_OFFSET 240u   /* drive entry d at 240 + 15 d */
+#define RTSHM_BP_RISER_OFFSET 720u   /* riser entry r at 720 + 6 r */
+#define RTSHM_BP_BAY_ENTRIES 4       /* bay entries laid out before the drive table */
+#define RTSHM_BP_DRIVE_ENTRIES 32    /* drive entries laid out */
+#define RTSHM_BP_RISER_ENTRIES 3     /* riser entries laid out */
+#define RTSHM_NVME_BAYS 3            /* bay ids 0..2 */
+#define RTSHM_NVME_SLOTS 32          /* slots 0..31 per bay */
+#define RTSHM_NVME_EXTENDERS 16      /* extender entries 0..15 */
+#define RTSHM_TECH_NVME 1u           /* bay / drive technology: NVMe */
+#define RTSHM_TECH_NVME_ALT 4u       /* the other NVMe technology value */
+#define RTSHM_RISER_TYPE_EXTENDER 4u /* riser type of a PCIe extender card */
+
+/* ---- the API info record (a backplane API wire record; multi-byte fields are
+ * little-endian and unaligned, so they are kept as byte arrays) ---------------- */
+
+typedef struct RTVOX_PACKED RtShmBpBay {
+    uint8_t inventory;           /* non-zero "Inventory" */
+    uint8_t bpId[2];             /* 16-bit */
+    uint8_t downstreamCnt;       /* downstream bays */
+    uint8_t pcieSlotMap[4];      /* 32-bit */
+    uint8_t downstreamBayIds[6]; /* printed, not interpreted */
+    uint8_t bayId;
+    uint8_t tech; /* 1 and 4: NVMe backplane */
+    uint8_t size; /* size / carrier */
+    uint8_t rsvd17[10];
+    uint8_t priSec;       /* 0: primary bay */
+    uint8_t primaryBayId; /* also printed as downstream slot and drive count */
+    uint8_t physSlotCnt;
+    uint8_t logicalSlotCnt;
+    uint8_t rsvd31;
+    uint8_t physDriveCnt;
+    uint8_t rsvd33[2];
+    uint8_t riserCnt;
+    uint8_t rsvd36;
+    uint8_t fwMajor;
+    uint8_t fwMinor;
+    uint8_t compId[3]; /* printed byte 41 first */
+    uint8_t rsvd42[9];
+} RtShmBpBay;
+RTVOX_ASSERT_SIZE(RtShmBpBay, 51);
+RTVOX_ASSERT_OFFSET(RtShmBpBay, bpId, 1);
+RTVOX_ASSERT_OFFSET(RtShmBpBay, downstreamCnt, 3);
+RTVOX_ASSERT_OFFSET(RtShmBpBay, pcieSlotMap, 4);
+RTVOX_ASSERT_OFFSET(RtShmBpBay, downstreamBayIds, 8);
+RTVOX_ASSERT_OFFSET(RtShmBpBay, bayId, 14);
+RTVOX_ASSERT_OFFSET(RtShmBpBay, tech, 15);
+RTVOX_ASSERT_OFFSET(RtShmBpBay, size, 16);
+RTVOX_ASSERT_OFFSET(RtShmBpBay, priSec, 27);
+RTVOX_ASSERT_OFFSET(RtShmBpBay, primaryBayId, 28);
+RTVOX_ASSERT_OFFSET(RtShmBpBay, physSlotCnt, 29);
+RTVOX_ASSERT_OFFSET(RtShmBpBay, logicalSlotCnt, 30);
+RTVOX_ASSERT_OFFSET(RtShmBpBay, physDriveCnt, 32);
+RTVOX_ASSERT_OFFSET(RtShmBpBay, riserCnt, 35);
+RTVOX_ASSERT_OFFSET(RtShmBpBay, fwMajor, 37);
+RTVOX_ASSERT_OFFSET(RtShmBpBay, fwMinor, 38);
+RTVOX_ASSERT_OFFSET(RtShmBpBay, compId, 39);
+
+typedef struct RTVOX_PACKED RtShmBpDrive {
+    uint8_t rsvd0;
+    uint8_t driveId;
+    uint8_t sensor;
+    uint8_t bayId;     /* the bay the drive sits in */
+    uint8_t driveSlot; /* slot in the bay */
+    uint8_t rsvd5[2];
+    uint8_t extenderSlot; /* PCIe slot of the extender card; 0 = none */
+    uint8_t rsvd8[3];
+    uint8_t tech;     /* 1 and 4: NVMe drive */
+    uint8_t state[2]; /* 16-bit drive state */
+    uint8_t rsvd14;
+} RtShmBpDrive;
+RTVOX_ASSERT_SIZE(RtShmBpDrive, 15);
+RTVOX_ASSERT_OFFSET(RtShmBpDrive, driveId, 1);
+RTVOX_ASSERT_OFFSET(RtShmBpDrive, sensor, 2);
+RTVOX_ASSERT_OFFSET(RtShmBpDrive, bayId, 3);
+RTVOX_ASSERT_OFFSET(RtShmBpDrive, driveSlot, 4);
+RTVOX_ASSERT_OFFSET(RtShmBpDrive, extenderSlot, 7);
+RTVOX_ASSERT_OFFSET(RtShmBpDrive, tech, 11);
+RTVOX_ASSERT_OFFSET(RtShmBpDrive, state, 12);
+
+typedef struct RTVOX_PACKED RtShmBpRiser {
+    uint8_t present;
+    uint8_t bayId;
+    uint8_t type; /* 4: PCIe extender */
+    uint8_t Slot; /* PCIe slot */
+    uint8_t num;  /* riser number */
+    uint8_t rsvd5;
+} RtShmBpRiser;
+RTVOX_ASSERT_SIZE(RtShmBpRiser, 6);
+RTVOX_ASSERT_OFFSET(RtShmBpRiser, Slot, 3);
+RTVOX_ASSERT_OFFSET(RtShmBpRiser, num, 4);
+
+/* The counts are the backplane's; entries past the laid-out ones still lie
+ * inside the record up to its end (bay entries up to 13, drive entries up to
+ * 32) and are read there, never beyond. */
+typedef struct RTVOX_PACKED RtShmBpApiInfo {
+    uint8_t rsvd0[2];
+    uint8_t bayCnt;   /* bay entries */
+    uint8_t driveCnt; /* drive entries to print */
+    uint8_t slotCnt;  /* drive entries to process */
+    uint8_t rsvd5;
+    uint8_t riserCnt; /* riser entries */
+    uint8_t rsvd7;
+    RtShmBpBay bay[RTSHM_BP_BAY_ENTRIES];
+    uint8_t rsvd212[28];
+    RtShmBpDrive drive[RTSHM_BP_DRIVE_ENTRIES];
+    RtShmBpRiser riser[RTSHM_BP_RISER_ENTRIES];
+} RtShmBpApiInfo;
+RTVOX_ASSERT_SIZE(RtShmBpApiInfo, RTSHM_BP_INFO_SIZE);
+RTVOX_ASSERT_OFFSET(RtShmBpApiInfo, bayCnt, 2);
+RTVOX_ASSERT_OFFSET(RtShmBpApiInfo, driveCnt, 3);
+RTVOX_ASSERT_OFFSET(RtShmBpApiInfo, slotCnt, 4);
+RTVOX_ASSERT_OFFSET(RtShmBpApiInfo, riserCnt, 6);
+RTVOX_ASSERT_OFFSET(RtShmBpApiInfo, bay, RTSHM_BP_BAY_OFFSET);
+RTVOX_ASSERT_OFFSET(RtShmBpApiInfo, drive, RTSHM_BP_DRIVE_OFFSET);
+RTVOX_ASSERT_OFFSET(RtShmBpApiInfo, riser, RTSHM_BP_RISER_OFFSET);
+
+/* ---- the condensed NVMe view ----------------------------------------------------
+ * Not packed: every field sits at its natural alignment, so the 16-bit drive
+ * state can be read and written as one atomic access; the asserts pin every
+ * offset other firmware reads. */
+
+typedef struct RtShmNVMeBay {
+    uint8_t u8BayID;
+    uint8_t rsvd1;
+    uint8_t u8SlotCount;  /* the bay's physical slot count */
+    uint8_t u8DriveCount; /* never filled by the update */
+    uint8_t rsvd4[2];
+    uint8_t u8FwMajor;
+    uint8_t u8FwMinor;
+} RtShmNVMeBay;
+
+typedef struct RtShmNVMeSlot {
+    uint8_t u8BayID;
+    uint8_t u8SlotNumInBay;
+    uint8_t rsvd2;
+    uint8_t u8DriveId;
+    uint16_t u16DriveState;
+    uint8_t u8BpType;       /* the bay's technology; 1 and 4: NVMe backplane */
+    uint8_t u8DriveTech;    /* 1 and 4: NVMe drive */
+    uint8_t u8ExtenderSlot; /* 0 = none */
+    uint8_t u8EID;          /* the drive's EID */
+    uint8_t rsvd10[4];
+} RtShmNVMeSlot;
+
+typedef struct RtShmNVMeExtender {
+    uint8_t u8BayID;
+    uint8_t u8PciSlot;
+    uint8_t u8RiserType; /* always 4 once filled */
+    uint8_t u8RiserNum;
+} RtShmNVMeExtender;
+
+typedef struct RtShmNVMeSSDBPInfo {
+    uint8_t u8BayCount; /* the API info's bayCnt */
+    uint8_t rsvd1[3];
+    RtShmNVMeBay bay[RTSHM_NVME_BAYS]; /* by bay id */
+    uint8_t rsvd28[8];
+    RtShmNVMeSlot slot[RTSHM_NVME_BAYS][RTSHM_NVME_SLOTS]; /* by bay id, slot */
+    RtShmNVMeExtender extender[RTSHM_NVME_EXTENDERS];      /* by riser index */
+} RtShmNVMeSSDBPInfo;
+RTVOX_ASSERT_SIZE(RtShmNVMeBay, 8);
+RTVOX_ASSERT_OFFSET(RtShmNVMeBay, u8SlotCount, 2);
+RTVOX_ASSERT_OFFSET(RtShmNVMeBay, u8DriveCount, 3);
+RTVOX_ASSERT_OFFSET(RtShmNVMeBay, u8FwMajor, 6);
+RTVOX_ASSERT_OFFSET(RtShmNVMeBay, u8FwMinor, 7);
+RTVOX_ASSERT_SIZE(RtShmNVMeSlot, 14);
+RTVOX_ASSERT_OFFSET(RtShmNVMeSlot, u8SlotNumInBay, 1);
+RTVOX_ASSERT_OFFSET(RtShmNVMeSlot, u8DriveId, 3);
+RTVOX_ASSERT_OFFSET(RtShmNVMeSlot, u16DriveState, 4);
+RTVOX_ASSERT_OFFSET(RtShmNVMeSlot, u8BpType, 6);
+RTVOX_ASSERT_OFFSET(RtShmNVMeSlot, u8DriveTech, 7);
+RTVOX_ASSERT_OFFSET(RtShmNVMeSlot, u8ExtenderSlot, 8);
+RTVOX_ASSERT_OFFSET(RtShmNVMeSlot, u8EID, 9);
+RTVOX_ASSERT_SIZE(RtShmNVMeExtender, 4);
+RTVOX_ASSERT_OFFSET(RtShmNVMeExtender, u8PciSlot, 1);
+RTVOX_ASSERT_OFFSET(RtShmNVMeExtender, u8RiserType, 2);
+RTVOX_ASSERT_OFFSET(RtShmNVMeExtender, u8RiserNum, 3);
+RTVOX_ASSERT_SIZE(RtShmNVMeSSDBPInfo, 1444);
+RTVOX_ASSERT_OFFSET(RtShmNVMeSSDBPInfo, bay, 4);
+RTVOX_ASSERT_OFFSET(RtShmNVMeSSDBPInfo, slot, 36);
+RTVOX_ASSERT_OFFSET(RtShmNVMeSSDBPInfo, extender, 1380);
+/* Positions read by the PCIe SSD slot mapping, for bay b and slot s. */
+RTVOX_ASSERT_OFFSET(RtShmNVMeSSDBPInfo, bay[1].u8FwMajor, 10 + 8);
+RTVOX_ASSERT_OFFSET(RtShmNVMeSSDBPInfo, bay[2].u8FwMinor, 11 + 8 * 2);
+RTVOX_ASSERT_OFFSET(RtShmNVMeSSDBPInfo, slot[1][0].u8BayID, 36 + 448);
+RTVOX_ASSERT_OFFSET(RtShmNVMeSSDBPInfo, slot[2][5].u8BpType, 42 + 448 * 2 + 14 * 5);
+RTVOX_ASSERT_OFFSET(RtShmNVMeSSDBPInfo, slot[2][31].u8EID, 45 + 448 * 2 + 14 * 31);
+RTVOX_ASSERT_OFFSET(RtShmNVMeSSDBPInfo, extender[15].u8RiserNum, 1380 + 4 * 15 + 3);
+
+/* The session handle, 0 while no session is open. */
+extern uint32_t bpAPIHandler;
+/* The NVMe view, zero at load, rewritten by each successful update. */
+extern RtShmNVMeSSDBPInfo sNVMeSSDBPInfo;
+
+/* ---- session and data ------------------------------------------------------------ */
+
+/* Zeroes both drive-state tables, opens the session unless one is open
+ * ("BPApi is already Open"), then updates the data. 0 when a session is open
+ * (whether or not the update succeeded), 1 when none could be opened
+ * ("Failed to get Open bpAPI", level 2). */
+uint32_t rtshm_BpApiInit(void);
+/* Reads the API info record, traces it, stores bayCnt and, for each NVMe
+ * bay (technology 1 or 4) in record order, its bay entry, its slots among
+ * the first slotCnt drive entries (also into the current drive-state table)
+ * and its risers as extender entries (by riser index, type 4). Entries no
+ * longer reported are not cleared. 0, also when there is no session or the
+ * read fails (the view is then untouched); 5 when the 738-byte buffer cannot
+ * be allocated. */
+uint32_t rtshm_BpDataUpdate(void);
+/* Traces the record at level 4: per bay its lines, then its drives among
+ * the first driveCnt and its present risers. NULL: nothing. */
+void VornBpPrintApiInfo(const RtShmBpApiInfo *pInfo);
+/* Reads the API info record into the caller's 738-byte buffer: 0, or 1
+ * when there is no session, the read fails or the buffer is NULL. */
+uint32_t ReadNVMeBPInfo(RtShmBpApiInfo *pInfo);
+
+/* ---- drive state and hot plug ------------------------------------------------------ */
+
+/* The hot-plug callback the session is opened with; runs on the backplane
+ * API's thread with a fresh API info record. Answers 0. */
+int32_t NVMeHotPlugCallback(void *pApiInfo);
+/* *pu8DriveTech = the slot entry's drive technology. 0; 2 out of range or NULL. */
+uint32_t rtshm_getDriveTechFromBpInfo(uint8_t *pu8DriveTech, uint8_t u8BayID, uint8_t u8Slot);
+/* *pu16DriveState = the slot's current state. 0; 2 out of range or NULL. */
+uint32_t rtshm_getNVMeDriveState(uint16_t *pu16DriveState, uint8_t u8BayID, uint8_t u8Slot);
+/* Note the order: the state sits between bay and slot. Stores the state in
+ * the current table and the slot entry. 0; 2 out of range. */
+uint32_t rtshm_SetNVMeDriveState(uint8_t u8BayID, uint16_t u16DriveState, uint8_t u8Slot);
+/* The slot entry's u8EID = the low 8 bits of EID. 0; 2 out of range. */
+uint32_t rtshm_UpdateNVMeSSDSlotToEID(uint8_t u8BayID, uint8_t u8Slot, uint32_t EID);
+
+/* ---- NVMe extender and backplane inventory --------------------------------------------- */
+
+/* Processes every extender entry of riser type 4, in order; the first
+ * failure stops the walk. 0, or 3. */
+uint32_t rtshm_getNVMeExtcard(void);
+/* Caches (type 6, key and EID = the PCIe slot) an extender with its FQDD
+ * "PCIeExtender.Slot.%ld" and name "PCIe Extender %d". 0; 3 lock or object
+ * allocation failure; the cache's code when the store fails (for a slot above
+ * 16). */
+uint32_t processNVMeExtndrcardInfo(uint8_t u8BayID, uint8_t u8PciSlot);
+/* *pu8ExtenderSlot = the slot entry's extender slot (0 = none). 0; 2 for a
+ * drive slot above 31 ("Error!!, Invalid DriveSlot"), a bay id above 2 or a
+ * NULL output (the output is then untouched). */
+uint32_t rtshm_getExtenderSlotFromDriveSlot(uint8_t u8BayID, uint8_t u8DriveSlot, uint8_t *pu8ExtenderSlot);
+/* Processes each of the three bays once, with its first NVMe slot. 0. */
+uint32_t rtshm_getNVMeBPs(void);
+/* Caches (type 5, key and EID = the bay id) a backplane for a bay entry and
+ * one of its slot entries of sNVMeSSDBPInfo, with its enclosure record, FQDD
+ * and name. 0; 2 NULL entry; 3 lock, object, enclosure-record or store
+ * failure. */
+uint32_t processNVMeBackplaneInfo(RtShmNVMeBay *pBay, RtShmNVMeSlot *bpStatusInfo);
+
 /* ==== PCIe SSD regions 20/26/15, FRU/temperature records, drive status and simulation ====
  *
  * Regions are wire formats shared with other firmware processes: byte-packed,

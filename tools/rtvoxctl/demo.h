@@ -44,6 +44,7 @@ void demo_runtime(Demo &demo);
 void demo_sync(Demo &demo);
 void demo_cache(Demo &demo);
 void demo_events(Demo &demo);
+void demo_backplane(Demo &demo);
 void demo_eventlog(Demo &demo);
 void demo_pcie(Demo &demo);
 void demo_stop(Demo &demo);

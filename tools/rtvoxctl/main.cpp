@@ -47,6 +47,7 @@ int run_demo(const std::string &dir, int level)
     rtvoxctl::demo_sync(demo);
     rtvoxctl::demo_cache(demo);
     rtvoxctl::demo_events(demo);
+    rtvoxctl::demo_backplane(demo);
     rtvoxctl::demo_eventlog(demo);
     rtvoxctl::demo_pcie(demo);
     rtvoxctl::demo_stop(demo);
