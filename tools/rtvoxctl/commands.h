@@ -10,5 +10,7 @@ namespace rtvoxctl {
 
 // rtvoxctl simulate SCENARIO.json [--level N] [--json] [--dir DIR]
 void add_simulate_command(CLI::App &app, int &status);
+// rtvoxctl topology [SCENARIO.json] [--dot]
+void add_topology_command(CLI::App &app, int &status);
 
 }  // namespace rtvoxctl

@@ -2,6 +2,7 @@
 //
 //   rtvoxctl [demo] [--dir DIR] [--level N]
 //   rtvoxctl simulate SCENARIO.json [--level N] [--json] [--dir DIR]
+//   rtvoxctl topology [SCENARIO.json] [--dot]
 //
 // The demonstration (the default command) plays the monitoring service's
 // start, work and stop and prints an account of it. Every path the library
@@ -83,6 +84,7 @@ int main(int argc, char **argv)
     add_demo_options(*demo_command, dir, level);
     int status = 0;
     rtvoxctl::add_simulate_command(app, status);
+    rtvoxctl::add_topology_command(app, status);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {
