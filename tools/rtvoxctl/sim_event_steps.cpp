@@ -266,7 +266,7 @@ void Simulation::notify(const Step &step, StepReport &report)
     if (n.type != MCTP_CLIENT_CALLBACK_TYPE_ENDPOINT_TABLE || put != 0) {
         std::free(record);
     }
-    report.line("the transport queued a %s notification (answer %d)", notification_name(n.type), put);
+    report.line("the transport queued a notification: %s (answer %d)", notification_name(n.type), put);
     // The service thread takes what is queued; a Get on an empty READY queue would wait for ever.
     while (gpRtraid_EventQueue != nullptr && gpRtraid_EventQueue->head != nullptr) {
         MctpClientCallbackEvent *got = rtraid_EventQueue_Get();
@@ -279,7 +279,7 @@ void Simulation::notify(const Step &step, StepReport &report)
         for (uint32_t i = 0; i < shown; ++i) {
             payload += " " + std::to_string(got->buffer[i]);
         }
-        report.line("the service thread took a %s notification, payload%s", notification_name(got->callbackType),
+        report.line("the service thread took a notification: %s, payload%s", notification_name(got->callbackType),
                     payload.c_str());
         std::free(got);
     }

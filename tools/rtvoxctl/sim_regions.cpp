@@ -203,9 +203,12 @@ void diff_uncovered(uint32_t region, const std::vector<uint8_t> &before, const s
         while (end + 1 < size && !covered[end + 1] && before[end + 1] != after[end + 1]) {
             ++end;
         }
-        changes.push_back(
-            {"region " + std::to_string(region) + " bytes " + std::to_string(b) + ".." + std::to_string(end),
-             std::to_string(end - b + 1) + " bytes", "changed"});
+        const size_t shown = std::min<size_t>(end - b + 1, 8);
+        const std::string more = end - b + 1 > shown ? " ..." : "";
+        changes.push_back({"region " + std::to_string(region) + " bytes " + std::to_string(b) +
+                               (end > b ? ".." + std::to_string(end) : ""),
+                           hex_bytes({before.begin() + b, before.begin() + b + shown}) + more,
+                           hex_bytes({after.begin() + b, after.begin() + b + shown}) + more});
         b = end + 1;
     }
 }

@@ -46,7 +46,7 @@ struct FieldChange {
     std::string after;
 };
 // What changed from `before` to `after`: named fields first, then byte ranges
-// that no field covers ("region 20 bytes 300..303").
+// that no field covers ("region 20 bytes 300..303", their first 8 bytes shown).
 std::vector<FieldChange> diff(const Snapshot &before, const Snapshot &after);
 
 // Bytes as lowercase hex pairs separated by blanks: "01 04 08 00".

@@ -66,7 +66,7 @@ void print_text(const StepReport &report, FILE *out)
                      request.type & 0xFF, hex_bytes(request.bytes).c_str(), request.status);
     }
     for (const FieldChange &change : report.regions) {
-        std::fprintf(out, "  region %s: %s -> %s\n", change.name.c_str(), change.before.c_str(), change.after.c_str());
+        std::fprintf(out, "  shm %s: %s -> %s\n", change.name.c_str(), change.before.c_str(), change.after.c_str());
     }
     for (const ExpectationResult &e : report.expectations) {
         if (e.ok) {
