@@ -427,7 +427,7 @@ VirtualDisk parse_virtual_disk(const Value &value, const Controller &controller)
             key.expected("a key no other virtual disk of controller " + std::to_string(controller.eid) + " uses");
         }
     }
-    vd.size_gib = o.num<uint64_t>("size_gib", 0, 0, uint64_t{1} << 40);
+    vd.size_gib = o.num<uint64_t>("size_gib", 0, 0, uint64_t{1} << 33);
     for (const Value &member : o.items("members", 32)) {
         vd.members.push_back(disk_table_key(member));
         check_disk_ref(controller, member, vd.members.back());

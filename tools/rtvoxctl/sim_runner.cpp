@@ -28,14 +28,13 @@ std::string make_scratch_dir()
     return pattern;
 }
 
-// Index of the first journal entry made since the step began. A journal that
-// was full keeps its count; then the calls made since tell how many are new.
+// Index of the first journal entry made during the step. A journal at its
+// cap drops its oldest entries; then the calls made tell how many are new.
 uint32_t first_new(uint32_t count_before, uint32_t calls_before, uint32_t count_now, uint32_t calls_now, uint32_t max)
 {
-    if (count_before < max) {
-        return std::min(count_before, count_now);
-    }
-    return count_now - std::min(count_now, calls_now - calls_before);
+    const uint32_t made =
+        count_now < max ? count_now - std::min(count_before, count_now) : std::min(count_now, calls_now - calls_before);
+    return count_now - made;
 }
 
 std::vector<std::string> split_args(const VornHostTlv &tlv)
