@@ -14,6 +14,7 @@ packages=(
   libc6-dev-armhf-cross libstdc++-12-dev-armhf-cross libgcc-12-dev-armhf-cross
   qemu-user
   googletest valgrind
+  nlohmann-json3-dev libcli11-dev
 )
 
 missing=()

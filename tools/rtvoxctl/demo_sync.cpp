@@ -13,31 +13,12 @@
 #include <vector>
 
 #include "demo.h"
+#include "names.h"
 #include "rtvox/rt_evtq.h"
 #include "rtvox/rt_sync.h"
 
 namespace rtvoxctl {
 namespace {
-
-const char *type_name(uint32_t type)
-{
-    switch (type) {
-        case MCTP_CLIENT_CALLBACK_TYPE_EVENT_POWERON:
-            return "power on";
-        case MCTP_CLIENT_CALLBACK_TYPE_EVENT_POWEROFF:
-            return "power off";
-        case MCTP_CLIENT_CALLBACK_TYPE_EVENT_LPC_RESET:
-            return "LPC reset";
-        case MCTP_CLIENT_CALLBACK_TYPE_ENDPOINT_TABLE:
-            return "endpoint table";
-        case MCTP_CLIENT_CALLBACK_TYPE_EVENT_INIT_FAILED:
-            return "transport start failed";
-        case MCTP_CLIENT_CALLBACK_TYPE_EVENT_MCTPD_STOPPED:
-            return "transport daemon stopped";
-        default:
-            return "unknown";
-    }
-}
 
 // What the service thread took from the queue, in order.
 struct ServiceLog {
@@ -57,7 +38,7 @@ void *service_thread(void *argument)
         if (event == nullptr) {
             line = "(nothing: the queue answered NULL)";
         } else {
-            line = type_name(event->callbackType);
+            line = notification_name(event->callbackType);
             if (event->callbackType == MCTP_CLIENT_CALLBACK_TYPE_ENDPOINT_TABLE) {
                 line += ", the transport's own record, endpoints";
                 for (uint32_t k = 0; k < event->bufferSize; ++k) {
@@ -155,7 +136,8 @@ void demo_queue(Demo &demo)
     std::free(held);
     rtraid_EventQueue_SetStatus(RTRAID_EVTQ_READY);
     MctpClientCallbackEvent *released = rtraid_EventQueue_Get();
-    demo.say("READY again: Get hands out the %s", released != nullptr ? type_name(released->callbackType) : "nothing");
+    demo.say("READY again: Get hands out the %s",
+             released != nullptr ? notification_name(released->callbackType) : "nothing");
     std::free(released);
     rtraid_EventQueue_Destroy();
     demo.say("queue destroyed; rtraid_EventQueue_GetStatus now answers 0x%08X",

@@ -1,33 +1,25 @@
 // rtvoxctl: drives the rtvox library against the host platform emulation.
 //
 //   rtvoxctl [demo] [--dir DIR] [--level N]
+//   rtvoxctl simulate SCENARIO.json [--level N] [--json] [--dir DIR]
+//   rtvoxctl topology [SCENARIO.json] [--dot]
 //
-// The demonstration plays the monitoring service's start, work and stop and
-// prints an account of it. Every path the library uses lands below DIR (a new
-// directory under the system's temporary directory when not given); N is the
-// highest trace level shown (default 4).
+// The demonstration (the default command) plays the monitoring service's
+// start, work and stop and prints an account of it. Every path the library
+// uses lands below DIR (a new directory under the system's temporary
+// directory when not given); N is the highest trace level shown (default 4).
+// `rtvoxctl COMMAND --help` tells the options of each command.
+#include <CLI/CLI.hpp>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <string>
 
+#include "commands.h"
 #include "demo.h"
 #include "vornhost/vornhost.h"
 
 namespace {
-
-void usage(FILE *out)
-{
-    std::fputs(
-        "usage: rtvoxctl [demo] [--dir DIR] [--level N]\n"
-        "  demo        play the monitoring service's start, work and stop against the\n"
-        "              host platform and print what happened (the default command)\n"
-        "  --dir DIR   directory that receives every file the library writes\n"
-        "              (default: a new directory under the temporary directory)\n"
-        "  --level N   highest trace level shown, 1 to 6 (default 4)\n",
-        out);
-}
 
 int run_demo(const std::string &dir, int level)
 {
@@ -55,35 +47,16 @@ int run_demo(const std::string &dir, int level)
     return 0;
 }
 
-}  // namespace
-
-int main(int argc, char **argv)
+void add_demo_options(CLI::App &app, std::string &dir, int &level)
 {
-    std::string dir;
-    int level = 4;
-    int first = 1;
-    if (argc > 1 && std::strcmp(argv[1], "demo") == 0) {
-        first = 2;
-    }
-    for (int i = first; i < argc; ++i) {
-        const std::string arg = argv[i];
-        if (arg == "--dir" && i + 1 < argc) {
-            dir = argv[++i];
-        } else if (arg == "--level" && i + 1 < argc) {
-            level = std::atoi(argv[++i]);
-        } else if (arg == "-h" || arg == "--help" || arg == "help") {
-            usage(stdout);
-            return 0;
-        } else {
-            std::fprintf(stderr, "rtvoxctl: unknown argument '%s'\n", arg.c_str());
-            usage(stderr);
-            return 2;
-        }
-    }
-    if (level < 1 || level > 6) {
-        std::fprintf(stderr, "rtvoxctl: --level takes 1 to 6\n");
-        return 2;
-    }
+    app.add_option("--dir", dir,
+                   "directory that receives every file the library writes (default: a new directory "
+                   "under the temporary directory)");
+    app.add_option("--level", level, "highest trace level shown, 1 to 6 (default 4)")->check(CLI::Range(1, 6));
+}
+
+int demo(std::string dir, int level)
+{
     if (dir.empty()) {
         std::string pattern = (std::filesystem::temp_directory_path() / "rtvoxctl-demo-XXXXXX").string();
         if (mkdtemp(pattern.data()) == nullptr) {
@@ -96,4 +69,32 @@ int main(int argc, char **argv)
         dir = std::filesystem::absolute(dir).string();
     }
     return run_demo(dir, level);
+}
+
+}  // namespace
+
+int main(int argc, char **argv)
+{
+    CLI::App app{"rtvoxctl: drives the rtvox library against the host platform emulation"};
+    app.require_subcommand(0, 1);
+    std::string dir;
+    int level = 4;
+    add_demo_options(app, dir, level);
+    CLI::App *demo_command = app.add_subcommand(
+        "demo",
+        "play the monitoring service's start, work and stop against the host platform and print what "
+        "happened (the default command)");
+    add_demo_options(*demo_command, dir, level);
+    int status = 0;
+    rtvoxctl::add_simulate_command(app, status);
+    rtvoxctl::add_topology_command(app, status);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError &error) {
+        return app.exit(error) == 0 ? 0 : 2;
+    }
+    if (app.get_subcommands().empty() || demo_command->parsed()) {
+        return demo(dir, level);
+    }
+    return status;
 }

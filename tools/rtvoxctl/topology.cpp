@@ -1,0 +1,231 @@
+#include "topology.h"
+
+#include <cinttypes>
+
+#include "rtvox/rt_cache.h"
+
+namespace rtvoxctl {
+namespace {
+
+std::string narrow(const wchar_t *text)
+{
+    std::string result;
+    for (; text != nullptr && *text != 0; ++text) {
+        result += *text < 0x80 ? static_cast<char>(*text) : '?';
+    }
+    return result;
+}
+
+std::string eid_type_name(uint8_t type)
+{
+    switch (type) {
+        case RTCACHE_EIDTYPE_TAVO:
+            return "TAVO";
+        case RTCACHE_EIDTYPE_HBA:
+            return "HBA";
+        case RTCACHE_EIDTYPE_MIRU:
+            return "MIRU";
+        case RTCACHE_EIDTYPE_PCIESSD:
+            return "PCIe SSD";
+        case RTCACHE_EIDTYPE_NVME:
+            return "NVMe";
+        default:
+            return "type " + std::to_string(type);
+    }
+}
+
+std::string format(const char *pattern, auto... values)
+{
+    char text[160];
+    std::snprintf(text, sizeof text, pattern, values...);
+    return text;
+}
+
+// Whatever FQDD follows the first part of `fqdd`: "Disk.Bay.1:Enclosure.X" -> "Enclosure.X".
+std::string parent_fqdd(const std::string &fqdd)
+{
+    const size_t colon = fqdd.find(':');
+    return colon == std::string::npos ? "" : fqdd.substr(colon + 1);
+}
+
+// Adds `child` below the node of `nodes` whose FQDD its own FQDD nests, or to `nodes` itself.
+void attach(std::vector<TopologyNode> &nodes, TopologyNode child)
+{
+    const std::string parent = parent_fqdd(child.fqdd);
+    for (TopologyNode &node : nodes) {
+        if (!parent.empty() && node.fqdd == parent) {
+            node.children.push_back(std::move(child));
+            return;
+        }
+    }
+    nodes.push_back(std::move(child));
+}
+
+void *cached(RtCacheKeyType type, uint32_t eid, uint32_t key)
+{
+    void *object = nullptr;
+    return rtcache_GetCachedObject(type, eid, key, &object) == 0 ? object : nullptr;
+}
+
+TopologyNode read_controller(uint8_t eid, const StorageEIDInfoEntry &info)
+{
+    TopologyNode controller{
+        "controller EID " + std::to_string(eid) + " (" + eid_type_name(info.u8TypeAndModularId & 0x0F) + ")",
+        "",
+        format("status %u-%u, modular id %u", info.u8StatusA, info.u8StatusB, info.u8TypeAndModularId >> 4),
+        {}};
+    if (const auto *node = static_cast<const RtCacheCtrlNode *>(cached(RTCACHE_KEY_ADAPTER, eid, eid))) {
+        controller.fqdd = node->pAdapter != nullptr ? narrow(node->pAdapter->hdr.FQDD) : "";
+        if (node->pBattery != nullptr) {
+            controller.children.push_back({"battery", narrow(node->pBattery->hdr.FQDD), "", {}});
+        }
+    }
+    std::vector<TopologyNode> enclosures;
+    std::vector<TopologyNode> disks;
+    for (uint32_t key = 0; key < max_physicaldevices; ++key) {
+        const void *object = cached(RTCACHE_KEY_PD, eid, key);
+        if (object == nullptr) {
+            continue;
+        }
+        const uint32_t objType = *static_cast<const uint32_t *>(object);
+        if (objType == RTCACHE_PDNODE_BACKPLANE || objType == RTCACHE_PDNODE_EXTERNAL) {
+            const RtCacheEnclosureObj *enclosure = static_cast<const RtCachePdEnclNode *>(object)->enclObj;
+            const RtEnclosure *record = enclosure != nullptr ? enclosure->enclType.backPlane.Obj : nullptr;
+            enclosures.push_back(
+                {(objType == RTCACHE_PDNODE_BACKPLANE ? "backplane " : "enclosure ") + std::to_string(key),
+                 record != nullptr ? narrow(record->hdr.FQDD) : "",
+                 record != nullptr ? format("position %u", record->Position) : "",
+                 {}});
+        } else if (objType == RTRAID_OBJTYPE_PHYSICALDISK) {
+            const auto *disk = static_cast<const RtPhysicalDisk *>(object);
+            const uint64_t state = disk->state;
+            disks.push_back({"disk " + std::to_string(key),
+                             narrow(disk->hdr.FQDD),
+                             format("state 0x%" PRIx64 "%s", state, disk->Hotspare != 0 ? ", hot spare" : ""),
+                             {}});
+        }
+    }
+    for (TopologyNode &disk : disks) {
+        attach(enclosures, std::move(disk));
+    }
+    for (TopologyNode &node : enclosures) {
+        controller.children.push_back(std::move(node));
+    }
+    for (uint32_t key = 0; key < max_logicaldevices; ++key) {
+        const auto *vd = static_cast<const RtVirtualDisk *>(cached(RTCACHE_KEY_VD, eid, key));
+        if (vd == nullptr) {
+            continue;
+        }
+        std::string members;
+        for (uint32_t i = 0; vd->targetIDs != nullptr && i < vd->targetCount; ++i) {
+            members += (members.empty() ? "members " : ", ") + std::to_string(vd->targetIDs[i]);
+        }
+        controller.children.push_back({"virtual disk " + std::to_string(key), narrow(vd->hdr.FQDD), members, {}});
+    }
+    return controller;
+}
+
+// PCIe SSD extenders and the backplanes behind them (or on their own).
+void read_pciessd(std::vector<TopologyNode> &roots)
+{
+    std::vector<TopologyNode> nodes;
+    for (uint32_t key = 0; key <= RTCACHE_EXTNDR_FETCH_MAX; ++key) {
+        if (const auto *extender = static_cast<const RtCacheExtender *>(cached(RTCACHE_KEY_PCIESSD_EXTENDER, 0, key))) {
+            nodes.push_back({"PCIe extender " + std::to_string(key),
+                             narrow(extender->pFQDD),
+                             format("bay %u", extender->u8BayID),
+                             {}});
+        }
+    }
+    for (uint32_t key = 0; key <= max_pciessd_backplanes && key < RTCACHE_BKPLANE_SLOTS; ++key) {
+        if (const auto *bp = static_cast<const RtCacheBackplane *>(cached(RTCACHE_KEY_PCIESSD_BACKPLANE, 0, key))) {
+            attach(nodes, {"PCIe SSD backplane " + std::to_string(key),
+                           bp->pEnclosure != nullptr ? narrow(bp->pEnclosure->hdr.FQDD) : "",
+                           format("slot %u, %u slots, %u drives, drive status 0x%04X", bp->u8SlotNumInBay,
+                                  bp->u8SlotCount, bp->u8DriveCount, bp->au16DriveStatus),
+                           {}});
+        }
+    }
+    roots.insert(roots.end(), nodes.begin(), nodes.end());
+}
+
+void print_node(const TopologyNode &node, const std::string &lead, const std::string &branch, FILE *out)
+{
+    std::fprintf(out, "%s%s%s%s%s%s%s\n", lead.c_str(), branch.c_str(), node.label.c_str(),
+                 node.fqdd.empty() ? "" : "  ", node.fqdd.c_str(), node.state.empty() ? "" : "  ",
+                 node.state.empty() ? "" : ("[" + node.state + "]").c_str());
+    const std::string below = lead + (branch.empty() ? "" : branch == "`-- " ? "    " : "|   ");
+    for (size_t i = 0; i < node.children.size(); ++i) {
+        print_node(node.children[i], below, i + 1 == node.children.size() ? "`-- " : "|-- ", out);
+    }
+}
+
+std::string dot_text(const std::string &text)
+{
+    std::string escaped;
+    for (const char c : text) {
+        if (c == '"' || c == '\\') {
+            escaped += '\\';
+        }
+        escaped += c;
+    }
+    return escaped;
+}
+
+int print_dot_node(const TopologyNode &node, int &next, FILE *out)
+{
+    const int id = next++;
+    std::string label = dot_text(node.label);
+    for (const std::string &part : {node.fqdd, node.state}) {
+        if (!part.empty()) {
+            label += "\\n" + dot_text(part);
+        }
+    }
+    std::fprintf(out, "  n%d [label=\"%s\"];\n", id, label.c_str());
+    for (const TopologyNode &child : node.children) {
+        const int child_id = print_dot_node(child, next, out);
+        std::fprintf(out, "  n%d -> n%d;\n", id, child_id);
+    }
+    return id;
+}
+
+}  // namespace
+
+std::vector<TopologyNode> read_topology()
+{
+    std::vector<TopologyNode> roots;
+    StorageEIDInfo registry{};
+    if (rtcache_GetStorageEIDs(&registry) != 0 || registry.pEIDs == nullptr || rtcache_GetLock() != 0) {
+        return roots;
+    }
+    for (uint32_t slot = 0; slot < registry.u8EIDCount && slot < max_adapters; ++slot) {
+        if (registry.pEIDs[slot] != RTCACHE_EID_NONE) {
+            roots.push_back(read_controller(registry.pEIDs[slot], registry.pEIDInfo[slot]));
+        }
+    }
+    read_pciessd(roots);
+    SMMutexUnLock(mutexRtCache);
+    return roots;
+}
+
+void print_topology_text(const std::vector<TopologyNode> &roots, FILE *out)
+{
+    if (roots.empty()) {
+        std::fputs("the cache holds no storage objects\n", out);
+    }
+    for (const TopologyNode &root : roots) {
+        print_node(root, "", "", out);
+    }
+}
+
+void print_topology_dot(const std::vector<TopologyNode> &roots, FILE *out)
+{
+    std::fputs("digraph rtvox {\n  rankdir=LR;\n  node [shape=box, fontname=\"monospace\", fontsize=10];\n", out);
+    int next = 0;
+    for (const TopologyNode &root : roots) {
+        print_dot_node(root, next, out);
+    }
+    std::fputs("}\n", out);
+}
+
+}  // namespace rtvoxctl

@@ -1,0 +1,26 @@
+// The storage tree the object cache holds: controllers with their battery,
+// enclosures and backplanes with their drives, and virtual disks; PCIe SSD
+// extenders with the backplanes behind them. Shown as an indented tree or as
+// a Graphviz digraph.
+#pragma once
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+namespace rtvoxctl {
+
+struct TopologyNode {
+    std::string label;  // "controller EID 16 (TAVO)", "disk 3", ...
+    std::string fqdd;
+    std::string state;  // "" when there is nothing to tell
+    std::vector<TopologyNode> children;
+};
+
+// Reads the cache under its lock. Call while the cache is initialised.
+std::vector<TopologyNode> read_topology();
+
+void print_topology_text(const std::vector<TopologyNode> &roots, FILE *out);
+void print_topology_dot(const std::vector<TopologyNode> &roots, FILE *out);
+
+}  // namespace rtvoxctl
