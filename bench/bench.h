@@ -6,6 +6,8 @@
 //     {
 //         ...
 //         bench.report("queue put+get depth=100", pairs_per_second, "pairs/s");
+//         bench.compare({.name = "event storm, record + fetch", .value = library, .unit = "events/s",
+//                        .baseline = "std::mutex + plain array", .baseline_value = plain, .goal_percent = 50});
 //     }
 //
 // The benchmark registers itself by name before main runs; rtvox_bench runs
@@ -13,17 +15,54 @@
 // Benchmarks run against the host platform emulation with trace output and
 // log-file copies switched off (the trace calls themselves are still made),
 // inside a private directory that RTVOX_ROOT points at.
+//
+// Every figure goes through report() or compare(), which print it at once,
+// or, with --json, keep it for the one JSON document printed at the end.
 #pragma once
 
 #include <chrono>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace rtvox::bench {
 
+// What a comparison holds the library's figure against, which also names its
+// ratio so that it cannot be read the wrong way round:
+//  - kBaseline: what a user would write instead. The ratio is the library's
+//    share of the baseline's throughput, "library_share_of_baseline_percent"
+//    (100 = as fast; more is better; a goal is a minimum).
+//  - kFloor: the bare work nobody can avoid. The ratio is the library's time
+//    over the floor's time, "library_over_floor_percent" (100 = no overhead;
+//    less is better; a goal is a maximum).
+enum class Against { kBaseline, kFloor };
+
+struct Comparison {
+    std::string name{};  // the library's figure
+    double value = 0;
+    std::string unit{};
+    std::string baseline{};     // what it is held against, in words
+    double baseline_value = 0;  // in the same unit
+    Against against = Against::kBaseline;
+    bool rate = true;         // the values are per second (more is better); false: times or sizes
+    double goal_percent = 0;  // 0: no goal
+    // A fixed behaviour of the library that keeps the figure from its goal or
+    // shapes it, with what it costs (measured beside it); empty when none.
+    std::string rule{};
+
+    // The ratio described at Against (0 when a value is 0).
+    double percent() const;
+    const char *ratio_name() const
+    {
+        return against == Against::kBaseline ? "library_share_of_baseline_percent" : "library_over_floor_percent";
+    }
+    bool has_goal() const { return goal_percent > 0; }
+    bool goal_met() const;
+};
+
 class Bench {
 public:
-    explicit Bench(bool quick) : quick_(quick) {}
+    Bench(bool quick, bool json) : quick_(quick), json_(json) {}
 
     // True with --quick: a smoke run, figures are rough.
     bool quick() const { return quick_; }
@@ -32,34 +71,52 @@ public:
     {
         return quick_ ? std::chrono::milliseconds(100) : std::chrono::milliseconds(1000);
     }
-    // Prints "<label>: <value> <unit>" (two decimals for values below 100).
-    void report(const std::string &label, double value, const char *unit) const;
+    // A figure on its own: prints "<label>: <value> <unit>" (two decimals for
+    // values below 100).
+    void report(const std::string &label, double value, const char *unit);
+    // A figure beside its baseline or floor, with the named ratio and the goal.
+    void compare(const Comparison &comparison);
+
+    // Every figure so far (report() as comparisons without a baseline).
+    const std::vector<Comparison> &figures() const { return figures_; }
+    // The figures as one JSON document.
+    std::string json(bool sanitizers) const;
 
     // Runs `step` (which does one operation) for the budget and answers
-    // operations per second: the best of three rounds of a third of the
-    // budget each, so a busy machine spoils fewer figures. The clock is read
-    // every 64 operations.
+    // operations per second: the best of kRounds rounds of a tenth of the
+    // budget each, so a busy machine (which only ever slows a round down)
+    // spoils fewer figures.
+    static constexpr int kRounds = 10;
+    std::chrono::steady_clock::duration round() const { return budget() / kRounds; }
     template <typename Step>
     double rate(Step &&step) const
     {
-        using Clock = std::chrono::steady_clock;
         double best = 0.0;
-        for (int round = 0; round < 3; ++round) {
-            const auto start = Clock::now();
-            const auto end = start + budget() / 3;
-            uint64_t done = 0;
-            auto now = start;
-            do {
-                for (int i = 0; i < 64; ++i) {
-                    step();
-                }
-                done += 64;
-                now = Clock::now();
-            } while (now < end);
-            const double measured = per_second(done, now - start);
+        for (int i = 0; i < kRounds; ++i) {
+            const double measured = run_for(round(), step);
             best = measured > best ? measured : best;
         }
         return best;
+    }
+
+    // One round: runs `step` for `length` and answers operations per second.
+    // The clock is read every 64 operations.
+    template <typename Step>
+    static double run_for(std::chrono::steady_clock::duration length, Step &step)
+    {
+        using Clock = std::chrono::steady_clock;
+        const auto start = Clock::now();
+        const auto end = start + length;
+        uint64_t done = 0;
+        auto now = start;
+        do {
+            for (int i = 0; i < 64; ++i) {
+                step();
+            }
+            done += 64;
+            now = Clock::now();
+        } while (now < end);
+        return per_second(done, now - start);
     }
 
     static double per_second(uint64_t operations, std::chrono::steady_clock::duration elapsed)
@@ -70,7 +127,20 @@ public:
 
 private:
     bool quick_;
+    bool json_;
+    std::vector<Comparison> figures_;
 };
+
+// The EID of the n-th controller a benchmark registers: 10, 11, ...
+inline uint8_t controller_eid(uint32_t controller)
+{
+    return static_cast<uint8_t>(10 + controller);
+}
+
+// Initialises the cache at its default limits and registers `controllers`
+// RAID controllers (controller_eid(0), ...). false when a step failed; the
+// caller calls rtcache_Destroy either way.
+bool set_up_cache(uint32_t controllers);
 
 using BenchFunction = void (*)(Bench &);
 

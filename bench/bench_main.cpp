@@ -1,8 +1,9 @@
-// rtvox_bench [--quick] [--list] [FILTER]
+// rtvox_bench [--quick] [--json] [--list] [FILTER]
 //
 // Runs every registered benchmark whose name contains FILTER (all without
-// one) and prints one line per figure. Build it without sanitizers for
-// figures worth comparing (the i386-valgrind preset, for instance).
+// one) and prints one line per figure, or with --json one JSON document of
+// every figure. Build it without sanitizers for figures worth comparing
+// (scripts/bench.sh does).
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -10,6 +11,8 @@
 #include <fstream>
 #include <string>
 #include <vector>
+
+#include <nlohmann/json.hpp>
 
 #include "bench.h"
 #include "vornhost/vornhost.h"
@@ -31,9 +34,10 @@ std::vector<Entry> &registry()
 void usage(FILE *out)
 {
     std::fputs(
-        "usage: rtvox_bench [--quick] [--list] [FILTER]\n"
+        "usage: rtvox_bench [--quick] [--json] [--list] [FILTER]\n"
         "  FILTER   run only the benchmarks whose name contains FILTER\n"
         "  --quick  short runs (about 0.1 s per figure) for a smoke test\n"
+        "  --json   print every figure as one JSON document at the end\n"
         "  --list   print the benchmark names and exit\n",
         out);
 }
@@ -77,10 +81,86 @@ Registration::Registration(const char *name, BenchFunction function)
     registry().push_back({name, function});
 }
 
-void Bench::report(const std::string &label, double value, const char *unit) const
+double Comparison::percent() const
 {
-    std::printf(value < 100 ? "%s: %.2f %s\n" : "%s: %.0f %s\n", label.c_str(), value, unit);
+    if (value <= 0 || baseline_value <= 0) {
+        return 0.0;
+    }
+    // Both as costs (time per operation, or bytes): a rate's cost is its inverse.
+    const double library_cost = rate ? 1.0 / value : value;
+    const double baseline_cost = rate ? 1.0 / baseline_value : baseline_value;
+    return against == Against::kBaseline ? 100.0 * baseline_cost / library_cost : 100.0 * library_cost / baseline_cost;
+}
+
+bool Comparison::goal_met() const
+{
+    return against == Against::kBaseline ? percent() >= goal_percent : percent() <= goal_percent;
+}
+
+namespace {
+
+void print_value(const char *indent, const std::string &label, double value, const std::string &unit)
+{
+    std::printf(value < 100 ? "%s%s: %.2f %s\n" : "%s%s: %.0f %s\n", indent, label.c_str(), value, unit.c_str());
+}
+
+}  // namespace
+
+void Bench::report(const std::string &label, double value, const char *unit)
+{
+    compare(Comparison{.name = label, .value = value, .unit = unit});
+}
+
+void Bench::compare(const Comparison &comparison)
+{
+    figures_.push_back(comparison);
+    if (json_) {
+        return;
+    }
+    const Comparison &c = comparison;
+    print_value("", c.name, c.value, c.unit);
+    if (!c.baseline.empty()) {
+        const bool share = c.against == Against::kBaseline;
+        print_value("    ", (share ? "baseline, " : "floor, ") + c.baseline, c.baseline_value, c.unit);
+        std::printf("    %s: %.1f %%",
+                    share ? "library's share of the baseline's throughput" : "library's cost over the floor's",
+                    c.percent());
+        if (c.has_goal()) {
+            std::printf(" (goal: %s %.0f %%, %s)", share ? "at least" : "at most", c.goal_percent,
+                        c.goal_met() ? "met" : "missed");
+        }
+        std::printf("\n");
+    }
+    if (!c.rule.empty()) {
+        std::printf("    rule: %s\n", c.rule.c_str());
+    }
     std::fflush(stdout);
+}
+
+std::string Bench::json(bool sanitizers) const
+{
+    nlohmann::ordered_json figures = nlohmann::ordered_json::array();
+    for (const Comparison &c : figures_) {
+        nlohmann::ordered_json figure = {{"name", c.name}, {"value", c.value}, {"unit", c.unit}};
+        if (!c.baseline.empty()) {
+            const bool share = c.against == Against::kBaseline;
+            figure["higher_is_better"] = c.rate;
+            figure["baseline"] = {
+                {"name", c.baseline}, {"value", c.baseline_value}, {"kind", share ? "baseline" : "floor"}};
+            figure[c.ratio_name()] = c.percent();
+            if (c.has_goal()) {
+                figure["goal"] = {{share ? "at_least_percent" : "at_most_percent", c.goal_percent},
+                                  {"met", c.goal_met()}};
+            }
+        }
+        if (!c.rule.empty()) {
+            figure["rule"] = c.rule;
+        }
+        figures.push_back(std::move(figure));
+    }
+    const nlohmann::ordered_json document = {
+        {"program", "rtvox_bench"}, {"quick", quick_}, {"sanitizers", sanitizers}, {"figures", std::move(figures)}};
+    return document.dump(2);
 }
 
 }  // namespace rtvox::bench
@@ -89,12 +169,15 @@ int main(int argc, char **argv)
 {
     using namespace rtvox::bench;
     bool quick = false;
+    bool json = false;
     bool list = false;
     std::string filter;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         if (arg == "--quick") {
             quick = true;
+        } else if (arg == "--json") {
+            json = true;
         } else if (arg == "--list") {
             list = true;
         } else if (arg == "-h" || arg == "--help") {
@@ -134,11 +217,17 @@ int main(int argc, char **argv)
     vornhost_reset();
     vornhost_trace_set_level(0);  // trace calls are made, nothing is written out
 #if defined(__SANITIZE_ADDRESS__)
-    std::printf("note: built with sanitizers; use a build without them for representative figures\n");
+    constexpr bool sanitizers = true;
+    std::fprintf(stderr, "note: built with sanitizers; use a build without them for representative figures\n");
+#else
+    constexpr bool sanitizers = false;
 #endif
-    Bench bench(quick);
+    Bench bench(quick, json);
     for (const Entry &entry : chosen) {
         entry.function(bench);
+    }
+    if (json) {
+        std::printf("%s\n", bench.json(sanitizers).c_str());
     }
     return 0;
 }

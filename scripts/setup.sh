@@ -3,6 +3,7 @@
 #   i386:  gcc/g++ multilib (-m32), cmake, ninja, GoogleTest sources, valgrind
 #   armhf: clang + lld over Debian's armhf cross libraries, qemu-user to run tests
 #   fuzz:  clang's libFuzzer and sanitizer runtimes for i386 (libclang-rt-14-dev)
+#   tools and benchmark: nlohmann-json3-dev (JSON), libcli11-dev (command lines)
 # Never installs gcc-arm-linux-gnueabihf / g++-arm-linux-gnueabihf (they fight
 # with gcc-multilib) nor linux-libc-dev:i386 (apt then drops the toolchain).
 set -u

@@ -59,16 +59,23 @@ uint8_t filled_slots()
     return (registry.pEIDs != nullptr && registry.pEIDInfo != nullptr) ? registry.u8EIDCount : 0;
 }
 
+// The first of the `count` registry slots that holds the EID, or -1. Every
+// event looks its EID up, so this is one memchr rather than a loop; slots
+// hold bytes, so an EID above 255 is in none.
+int first_slot(uint32_t count, uint32_t EID)
+{
+    const uint8_t *eids = cache_StorageEIDInfo.pEIDs;
+    if (eids == nullptr || count == 0 || EID > UINT8_MAX) {
+        return -1;
+    }
+    const auto *found = static_cast<const uint8_t *>(std::memchr(eids, static_cast<int>(EID), count));
+    return found == nullptr ? -1 : static_cast<int>(found - eids);
+}
+
 // The first filled slot holding the EID, or -1.
 int first_filled_slot(uint32_t EID)
 {
-    const uint8_t count = filled_slots();
-    for (uint8_t slot = 0; slot < count; ++slot) {
-        if (cache_StorageEIDInfo.pEIDs[slot] == EID) {
-            return slot;
-        }
-    }
-    return -1;
+    return first_slot(filled_slots(), EID);
 }
 
 uint8_t type_of(const StorageEIDInfoEntry &entry)
@@ -375,18 +382,9 @@ uint32_t rtcache_SetModularId(uint32_t EID, uint8_t id)
 
 int32_t GetIndexFromEID(uint32_t EID)
 {
-    const uint8_t *eids = cache_StorageEIDInfo.pEIDs;
-    if (eids == nullptr) {
-        return RTCACHE_INVALID_INDEX;
-    }
     // Every slot, filled or not, up to the reach of an 8-bit counter.
-    const uint32_t slots = std::min(max_adapters, kCounterSlots);
-    for (uint32_t slot = 0; slot < slots; ++slot) {
-        if (eids[slot] == EID) {
-            return static_cast<int32_t>(slot);
-        }
-    }
-    return RTCACHE_INVALID_INDEX;
+    const int slot = first_slot(std::min(max_adapters, kCounterSlots), EID);
+    return slot < 0 ? RTCACHE_INVALID_INDEX : slot;
 }
 
 uint32_t rtcache_SetID(uint32_t id, uint32_t value)

@@ -5,6 +5,7 @@
 #define RT_MODULE_FILE "rt_cache.c"
 
 #include <algorithm>
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -25,29 +26,40 @@ constexpr const char *kDelayedTag = "DCache";
 
 // The bitmap print: one "%02x " piece per byte in a 640-byte text, each piece
 // appended whole while the text, the piece and the terminator fit, cut
-// otherwise (so at most 639 characters, 213 pieces). The pieces are made from
-// a digit table rather than by snprintf: the print runs twice per event.
+// otherwise. 639 is a multiple of the piece's 3 characters, so no piece is
+// ever cut: the text holds the first 213 bytes at most. Every event prints the
+// bitmap (a change-object event twice), so the pieces come from a table of
+// ready-made "xx " pieces, one 4-byte store per byte, rather than by snprintf.
 struct BitmapText {
     char text[640];
 };
+
+constexpr size_t kPieceChars = 3;
+constexpr size_t kMaxPieces = (sizeof(BitmapText::text) - 1) / kPieceChars;
+static_assert(kMaxPieces * kPieceChars == sizeof(BitmapText::text) - 1, "pieces are never cut");
+
+// "xx " and a spare byte for each byte value; the spare is overwritten by the
+// next piece or the terminator.
+constexpr auto kPieces = [] {
+    constexpr const char *kDigits = "0123456789abcdef";
+    std::array<std::array<char, 4>, 256> pieces{};
+    for (size_t value = 0; value < pieces.size(); ++value) {
+        pieces[value] = {kDigits[value >> 4], kDigits[value & 0xF], ' ', '\0'};
+    }
+    return pieces;
+}();
 
 bool bitmap_text(const uint8_t *bitmap, BitmapText &out)
 {
     if (max_physicaldevices <= 7) {
         return false;
     }
-    constexpr const char *kDigits = "0123456789abcdef";
-    constexpr size_t kLimit = sizeof out.text;
-    size_t length = 0;
-    // Bytes past the 512-byte area could not add text anyway.
-    const uint32_t bytes = std::min(max_physicaldevices / 8, kBitmapBytes);
-    for (uint32_t i = 0; i < bytes && length < kLimit - 1; ++i) {
-        const char piece[3] = {kDigits[bitmap[i] >> 4], kDigits[bitmap[i] & 0xF], ' '};
-        const size_t take = std::min(sizeof piece, kLimit - 1 - length);
-        std::memcpy(out.text + length, piece, take);
-        length += take;
+    const size_t bytes = std::min<size_t>({max_physicaldevices / 8, kBitmapBytes, kMaxPieces});
+    char *text = out.text;
+    for (size_t i = 0; i < bytes; ++i) {
+        std::memcpy(text + kPieceChars * i, kPieces[bitmap[i]].data(), 4);  // the last one ends at text[639]
     }
-    out.text[length] = '\0';
+    text[kPieceChars * bytes] = '\0';
     return true;
 }
 

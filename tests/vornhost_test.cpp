@@ -200,7 +200,7 @@ TEST_F(Vornhost, TraceLevelFilterFileOutputAndCapture)
     rtvox::test::TempRoot root;
     const std::string file = root.dir() + "/trace.log";
     setenv("VORN_TRACE_FILE", file.c_str(), 1);
-    // The level: the override, else VORN_TRACE_LEVEL read at every call, else 2.
+    // The level: the override, else VORN_TRACE_LEVEL (read again when the override is dropped), else 2.
     const auto level = [](const char *env, int32_t override) {
         setenv("VORN_TRACE_LEVEL", env, 1);
         vornhost_trace_set_level(override);
@@ -233,6 +233,32 @@ TEST_F(Vornhost, TraceLevelFilterFileOutputAndCapture)
     vornhost_trace_clear();
     EXPECT_EQ((V{kept, vornhost_trace_get(2, &line), vornhost_trace_count(), vornhost_call_count(VORNHOST_vornprintf)}),
               (V{2, -1, 0, 8}));
+}
+
+TEST_F(Vornhost, TraceFormatsOnlyKeptLinesAndReadsTheLevelWhenTold)
+{
+    rtvox::test::TempRoot root;
+    setenv("VORN_TRACE_FILE", (root.dir() + "/trace.log").c_str(), 1);
+    // %n stores how many characters were formatted: it stays -1 while a line is dropped unformatted.
+    const auto line = [](int32_t level) {
+        int formatted = -1;
+        const int32_t result = vornprintf(level, 15, "ab%n\n", &formatted);
+        return V{result, formatted};
+    };
+    setenv("VORN_TRACE_LEVEL", "3", 1);
+    vornhost_trace_set_level(-1);
+    setenv("VORN_TRACE_LEVEL", "6", 1);  // read only when the override is set or dropped
+    EXPECT_EQ(line(4), (V{0, -1}));
+    EXPECT_EQ(line(3), (V{3, 2}));
+    vornhost_trace_set_level(4);  // at once, without a reset
+    EXPECT_EQ(line(4), (V{3, 2}));
+    vornhost_trace_set_level(-1);
+    EXPECT_EQ(line(6), (V{3, 2}));
+    vornhost_trace_set_level(0);
+    vornhost_trace_capture(1);  // a captured line is formatted whatever the level
+    EXPECT_EQ(line(5), (V{3, 2}));
+    EXPECT_EQ(vornhost_trace_count(), 1u);
+    EXPECT_EQ(read_file(root.dir() + "/trace.log"), "[L3 C15] ab\n[L4 C15] ab\n[L6 C15] ab\n");
 }
 
 TEST_F(Vornhost, FaultsFailEveryFunctionWithoutSideEffects)

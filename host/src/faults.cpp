@@ -1,15 +1,29 @@
 // Fault injection, call counts and vornhost_reset.
 #include <array>
+#include <atomic>
+#include <type_traits>
 
 #include "internal.h"
 
 namespace vornhost::detail {
 namespace {
 
+// Every platform call passes through here, so the common case (nothing armed)
+// is two atomic operations and no lock; skip and fail are only looked at,
+// under the lock, while `armed` says a fault is pending.
 struct FaultSlot {
-    uint32_t calls = 0;
-    uint32_t skip = 0;
-    uint32_t fail = 0;
+    std::atomic<uint32_t> calls{0};
+    std::atomic<bool> armed{false};
+    uint32_t skip = 0;  // guarded by Faults::lock
+    uint32_t fail = 0;  // guarded by Faults::lock
+
+    // Sets skip and fail; under Faults::lock.
+    void arm(uint32_t skip_calls, uint32_t fail_calls)
+    {
+        skip = skip_calls;
+        fail = fail_calls;
+        armed.store(fail > 0, std::memory_order_relaxed);
+    }
 };
 
 struct Faults {
@@ -17,10 +31,15 @@ struct Faults {
     std::array<FaultSlot, VORNHOST_FUNCTION_COUNT> slots{};
 };
 
+// Constant-initialised and trivially destructible, so it is there before the
+// first platform call and still there after exit has begun, and finding it
+// costs no guard.
+constinit Faults g_faults;
+static_assert(std::is_trivially_destructible_v<Faults>);
+
 Faults &faults()
 {
-    static Faults *f = new Faults;  // never destroyed: platform calls may come during exit
-    return *f;
+    return g_faults;
 }
 
 bool valid(VornHostFunction fn)
@@ -37,15 +56,18 @@ bool fault_hit(VornHostFunction fn)
         return false;
     }
     Faults &f = faults();
-    std::lock_guard guard(f.lock);
     FaultSlot &slot = f.slots[static_cast<size_t>(fn)];
-    ++slot.calls;
+    slot.calls.fetch_add(1, std::memory_order_relaxed);
+    if (!slot.armed.load(std::memory_order_relaxed)) {
+        return false;
+    }
+    std::lock_guard guard(f.lock);
     if (slot.skip > 0) {
         --slot.skip;
         return false;
     }
     if (slot.fail > 0) {
-        --slot.fail;
+        slot.arm(0, slot.fail - 1);
         return true;
     }
     return false;
@@ -55,7 +77,10 @@ void faults_reset()
 {
     Faults &f = faults();
     std::lock_guard guard(f.lock);
-    f.slots.fill(FaultSlot{});
+    for (auto &slot : f.slots) {
+        slot.calls.store(0, std::memory_order_relaxed);
+        slot.arm(0, 0);
+    }
 }
 
 }  // namespace vornhost::detail
@@ -71,9 +96,7 @@ void vornhost_fail(VornHostFunction fn, uint32_t skip, uint32_t count)
     }
     Faults &f = faults();
     std::lock_guard guard(f.lock);
-    FaultSlot &slot = f.slots[static_cast<size_t>(fn)];
-    slot.skip = skip;
-    slot.fail = count;
+    f.slots[static_cast<size_t>(fn)].arm(skip, count);
 }
 
 void vornhost_fail_clear(void)
@@ -81,8 +104,7 @@ void vornhost_fail_clear(void)
     Faults &f = faults();
     std::lock_guard guard(f.lock);
     for (auto &slot : f.slots) {
-        slot.skip = 0;
-        slot.fail = 0;
+        slot.arm(0, 0);
     }
 }
 
@@ -91,9 +113,7 @@ uint32_t vornhost_call_count(VornHostFunction fn)
     if (!valid(fn)) {
         return 0;
     }
-    Faults &f = faults();
-    std::lock_guard guard(f.lock);
-    return f.slots[static_cast<size_t>(fn)].calls;
+    return faults().slots[static_cast<size_t>(fn)].calls.load(std::memory_order_relaxed);
 }
 
 void vornhost_reset(void)

@@ -134,17 +134,25 @@ uint32_t vornhost_trace_count(void);
 /* 0 and *out filled when index < count, -1 otherwise. */
 int vornhost_trace_get(uint32_t index, VornHostTraceLine *out);
 /* Overrides VORN_TRACE_LEVEL for what is written to stderr / VORN_TRACE_FILE;
- * a negative level returns to the environment's setting. */
+ * a negative level returns to the environment's setting, reading the
+ * variable again. Takes effect at the next vornprintf call, in every thread. */
 void vornhost_trace_set_level(int32_t level);
 
 /* Trace output of vornprintf(level, category, format, ...):
- *  - The text is formatted with vsnprintf (no length limit).
  *  - Level filter: the line is written out when level <= the effective level:
  *    the vornhost_trace_set_level override when one is set, else the
- *    environment variable VORN_TRACE_LEVEL, read at every call (a decimal
- *    integer; unset, empty or not a number gives the default, 2). Level 0
- *    writes none of the library's lines (their levels are 1..6).
- *  - Destination: the file named by VORN_TRACE_FILE (read at every call,
+ *    environment variable VORN_TRACE_LEVEL (a decimal integer; unset, empty
+ *    or not a number gives the default, 2). The variable is read once, at the
+ *    first use of the trace service, and again by every
+ *    vornhost_trace_set_level with a negative level and by vornhost_reset;
+ *    changing it in between has no effect until then. Level 0 writes none of
+ *    the library's lines (their levels are 1..6).
+ *  - Cost: the level and the capture switch are decided before anything
+ *    else. A line that is neither written out nor captured is not formatted
+ *    (its arguments are never read) and takes no lock shared with other
+ *    threads. A line that is kept is formatted once (vasprintf, no length
+ *    limit).
+ *  - Destination: the file named by VORN_TRACE_FILE (read, and the file
  *    opened with O_APPEND|O_CREAT, mode 0644, for each line written) when set
  *    and not empty, stderr otherwise or when that file cannot be opened.
  *  - Format, one write per call:
@@ -153,9 +161,11 @@ void vornhost_trace_set_level(int32_t level);
  *    does not end with one. Example, for vornprintf(4, 15, "%s:%s:%u:--> entry\n",
  *    "rt_evtq.c", "rtraid_EventQueue_Put", 120u):
  *        [L4 C15] rt_evtq.c:rtraid_EventQueue_Put:120:--> entry
- *  - Result: the length in bytes of the formatted text (whether or not it was
- *    written out); -1 for a NULL format, a formatting error or an injected
- *    fault (then nothing is captured or written).
+ *  - Result: the length in bytes of the formatted text when the line was
+ *    written out or captured. A line dropped unformatted answers the length
+ *    of its format when the format holds no '%' (the text is the format
+ *    itself), else 0. -1 for a NULL format, a formatting error of a kept line
+ *    or an injected fault (then nothing is captured or written).
  */
 /* The effective output level as vornprintf would use it now. */
 int32_t vornhost_trace_effective_level(void);
