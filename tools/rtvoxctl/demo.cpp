@@ -8,6 +8,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "rtvox/rt_cache.h"
 #include "vornhost/vornhost.h"
 
 namespace rtvoxctl {
@@ -68,6 +69,20 @@ void Demo::touch(const std::string &absolute, const std::string &content) const
     const std::filesystem::path real(path(absolute));
     std::filesystem::create_directories(real.parent_path());
     std::ofstream(real, std::ios::trunc) << content;
+}
+
+RtCachePdNode *new_pd_node(uint32_t objType, void *record)
+{
+    auto *node = static_cast<RtCachePdNode *>(rtvox_alloc(sizeof(RtCachePdNode)));
+    auto *entry = static_cast<RtCachePdEntry *>(rtvox_alloc(sizeof(RtCachePdEntry)));
+    node->objType = objType;
+    node->enclObj = entry;
+    if (objType == RTCACHE_PDNODE_PHYSICALDISK) {
+        entry->enclType.physicalDisk.Obj = static_cast<RtPhysicalDisk *>(record);
+    } else {
+        entry->enclType.backPlane.Obj = static_cast<RtEnclosure *>(record);
+    }
+    return node;
 }
 
 }  // namespace rtvoxctl

@@ -6,8 +6,11 @@
 // and shows the trace lines the library emitted meanwhile with traces().
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
+
+struct RtCachePdNode;
 
 namespace rtvoxctl {
 
@@ -37,6 +40,12 @@ private:
     std::string dir_;
     int level_;
 };
+
+// A node of the physical-disk table as the service builds it: the node and
+// its cache entry (rtvox_alloc) holding `record`, the copied disk record for
+// objType 3, the enclosure record for 2 and 240. The cache owns all of it
+// once stored.
+RtCachePdNode *new_pd_node(uint32_t objType, void *record);
 
 // The steps, in the order the demonstration plays them.
 void demo_start(Demo &demo);
