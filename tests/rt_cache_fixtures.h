@@ -155,7 +155,7 @@ inline RtBattery *cached_battery()
     std::wstring name = L"Battery";
     std::wstring fqdd = L"Battery.Integrated.1:RAID.Slot.1-1";
     const RtRecord source = head_source(name, fqdd);
-    return rtraid_DupBattery(&source);
+    return rtraid_DupBattery(reinterpret_cast<const RtBattery *>(&source));
 }
 
 // A controller node with every member the release walks know about.
@@ -176,7 +176,7 @@ inline RtCacheCtrlNode *cached_node(uint32_t nodeType = RTCACHE_NODE_CONTROLLER)
     const RtRecord probe = head_source(probeName, probeFqdd);
     node->pTempProbe = static_cast<RtTempProbe *>(rtvox_alloc(RTRAID_RECORD_SIZE));
     rtraid_dupTEMPPROBE(&probe, node->pTempProbe);
-    node->pPciInfo = rtvox_alloc(16);
+    node->pPciInfo = static_cast<RtCachePciInfo *>(rtvox_alloc(sizeof(RtCachePciInfo)));
     node->pServiceData = rtvox_alloc(32);
     return node;
 }

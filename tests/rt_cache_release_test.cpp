@@ -210,7 +210,7 @@ TEST_F(CacheReleaseAll, DestroyGivesBackEverythingButPcieSsdNodesAndTheMembersOf
     auto *pcie = static_cast<RtCacheCtrlNode *>(rtvox_alloc(RTCACHE_CTRL_NODE_SIZE));
     auto *nvme = static_cast<RtCacheCtrlNode *>(rtvox_alloc(RTCACHE_CTRL_NODE_SIZE));
     auto *untyped = static_cast<RtCacheCtrlNode *>(rtvox_alloc(RTCACHE_CTRL_NODE_SIZE));
-    void *member = untyped->pPciInfo = rtvox_alloc(16);
+    void *member = untyped->pPciInfo = static_cast<RtCachePciInfo *>(rtvox_alloc(sizeof(RtCachePciInfo)));
     EXPECT_EQ(
         (Codes{store(RTCACHE_KEY_ADAPTER, 7, 7, cached_node()), store(RTCACHE_KEY_ADAPTER, 20, 20, cached_node()),
                store(RTCACHE_KEY_ADAPTER, 30, 30, cached_node(RTCACHE_NODE_HBA)),  // needs no registry entry

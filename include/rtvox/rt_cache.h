@@ -171,7 +171,7 @@ extern StorageEIDInfo cache_StorageEIDInfo;
  *      4      16  pAdapterKey     plain: adapter key record (rtraid_DupAdapterKey), or NULL
  *      5      20  pTempProbe      run: the controller's temperature probe (rtraid_dupTEMPPROBE), or NULL
  *   6-11      24  au32Service6    service data
- *     12      48  pPciInfo        plain: the controller's PCI information block, or NULL
+ *     12      48  pPciInfo        plain: the controller's PCI information block (RtCachePciInfo), or NULL
  *  13-20      52  au32Service13   service data
  *     21      84  pServiceData    plain: a further block of the service's, or NULL
  *
@@ -182,6 +182,21 @@ extern StorageEIDInfo cache_StorageEIDInfo;
 #define RTCACHE_NODE_CONTROLLER 0u
 #define RTCACHE_NODE_HBA 3u
 
+/* The controller's PCI information block, 16 bytes of plain data. The PCI
+ * slot published for the controller is (au8Location[1] << 7 |
+ * au8Location[0] >> 1), cut to 8 bits. */
+typedef struct RTVOX_PACKED RtCachePciInfo {
+    uint16_t u16VendorID;
+    uint16_t u16DeviceID;
+    uint16_t u16SubVendorID;
+    uint16_t u16SubDeviceID;
+    uint8_t au8Location[2]; /* the controller's PCI location, as the controller layer reports it */
+    uint8_t au8Reserved[6];
+} RtCachePciInfo;
+RTVOX_ASSERT_SIZE(RtCachePciInfo, 16);
+RTVOX_ASSERT_OFFSET(RtCachePciInfo, u16SubDeviceID, 6);
+RTVOX_ASSERT_OFFSET(RtCachePciInfo, au8Location, 8);
+
 typedef struct RtCacheCtrlNode {
     uint32_t u32NodeType;
     RtAdapter *pAdapter;
@@ -190,7 +205,7 @@ typedef struct RtCacheCtrlNode {
     RtAdapterKey *pAdapterKey;
     RtTempProbe *pTempProbe;
     uint32_t au32Service6[6];
-    void *pPciInfo;
+    RtCachePciInfo *pPciInfo;
     uint32_t au32Service13[8];
     void *pServiceData;
 } RtCacheCtrlNode;

@@ -165,6 +165,32 @@ void RTSHM_DumpSharedMem(void);
  * pPolling; 3 the region could not be read (*pPolling as the read left it). */
 uint32_t RTSHM_ReadSharedThermalPolling(sVOXTAVODrivePolling *pPolling);
 
+/* Rebuilds the three tables of region 3 from the object cache; call it with
+ * the cache lock held. The controller and drive tables read as 0xFF while it
+ * runs (RTSHM_InitPartialSharedMem first); the tables are built in local
+ * images and written at the end, controllers, drives, batteries in that
+ * order, with rtvox_inventory = 1; then RTSHM_DumpSharedMem. Nothing stops
+ * it: a missing object skips only that element, failed writes are ignored.
+ * Always answers 0 (callers ignore it).
+ *
+ * What it reads: for EIDs 0 to 254, until 16 controllers are entered, those
+ * of type TAVO (1), HBA (10) or MIRU (12) whose controller node (key type 2)
+ * has its adapter record and PCI information block (a node without them is
+ * skipped with " contiue2"); the slot from the PCI location, the
+ * temperatures (TAVO only, while drive polling is on), ids, addresses, flag
+ * and thermal-poll byte; the battery of a TAVO controller that is not
+ * modular. Then the controller's physical-disk nodes, keys 0 to
+ * max_physicaldevices - 2, while fewer than 255 drives are entered: the
+ * record's slot, protocol, media, form factor, speed and capacity, the
+ * entry's temperature, status, impedance and enclosure type, and the bay of
+ * the drive's enclosure node (key u16EnclDeviceID) where it is a backplane.
+ * Controllers with sub-device ids 7981, 8001, 8006, 8137, 8162 are entered
+ * with thermalPDPollDisable 254 and nothing else of theirs; TAVO controllers
+ * with ids 8004-8006, 8011, 8012, 8014, 8016-8019 publish no battery
+ * temperature. A drive skipped after its values were written leaves them in
+ * the entry beyond the count, where the next drive overwrites them. */
+int32_t RTSHM_UpdateSharedMem(void);
+
 #ifdef __cplusplus
 }
 #endif

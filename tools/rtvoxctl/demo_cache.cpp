@@ -131,7 +131,7 @@ void show_contents(Demo &demo)
         if (const auto *node = static_cast<const RtCacheCtrlNode *>(object); node != nullptr) {
             show_row(demo, eid, "adapter", eid, reinterpret_cast<const RtRecord *>(node->pAdapter));
             if (node->pBattery != nullptr) {
-                show_row(demo, eid, "battery", eid, node->pBattery);
+                show_row(demo, eid, "battery", eid, reinterpret_cast<const RtRecord *>(node->pBattery));
             }
         }
         for (uint32_t key = 0; key < max_physicaldevices; ++key) {
