@@ -7,7 +7,6 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 
 #include "paths.h"
 #include "rt_shm_regions.h"
@@ -38,10 +37,11 @@ int32_t fill_controllers_and_drives()
     return fill_area(RTSHM_SASSATA_INVENTORY_OFFSET, sizeof(sVOXSASSATAInventory));
 }
 
-// One line of a table entry in the dump: its format, with up to four values
-// read from arrays of `width`-byte little-endian elements. The first array
-// starts at `offset`; `step` bytes separate the elements of two entries (0
-// for a field the table has once) and `next` bytes the arrays of one line.
+// One line of a table entry in the dump: its format (RT_TRACE_FORMAT), with
+// up to four values read from arrays of `width`-byte little-endian elements.
+// The first array starts at `offset`; `step` bytes separate the elements of
+// two entries (0 for a field the table has once) and `next` bytes the arrays
+// of one line.
 struct DumpField {
     const char *format;
     size_t offset;
@@ -51,17 +51,19 @@ struct DumpField {
     uint32_t next = 0;
 };
 
-// An array field of a table: one element per entry.
-#define RTSHM_DUMP_FIELD(Table, field, format)                                             \
-    {                                                                                      \
-        format, offsetof(Table, field), sizeof(Table{}.field[0]), sizeof(Table{}.field[0]) \
-    }
+// An array field of a table, one element per entry, and the text of its line.
+constexpr DumpField array_field(const char *format, size_t offset, uint32_t width)
+{
+    return {format, offset, width, width};
+}
+#define RTSHM_DUMP_FIELD(Table, field, text) \
+    array_field(RT_TRACE_FORMAT(text), offsetof(Table, field), sizeof(Table{}.field[0]))
 
 constexpr DumpField kControllerFields[] = {
     RTSHM_DUMP_FIELD(sVOXTavoInventory, au8PCISlot, "au8PCISlot=%d "),
     RTSHM_DUMP_FIELD(sVOXTavoInventory, au32Temp, "au32Temp=%d "),
     RTSHM_DUMP_FIELD(sVOXTavoInventory, au32BatteryTemp, "au32BatteryTemp=%d "),
-    {"PCI IDs.=[%d-%d-%d-%d]", offsetof(sVOXTavoInventory, au32PCIVendorID), 4, 4, 4,
+    {RT_TRACE_FORMAT("PCI IDs.=[%d-%d-%d-%d]"), offsetof(sVOXTavoInventory, au32PCIVendorID), 4, 4, 4,
      offsetof(sVOXTavoInventory, au32PCIDeviceID) - offsetof(sVOXTavoInventory, au32PCIVendorID)},
     RTSHM_DUMP_FIELD(sVOXTavoInventory, au8CardLocation, "au8CardLocation=%d "),
     RTSHM_DUMP_FIELD(sVOXTavoInventory, thermalPDPollDisable, "thermalPDPollDisable=%d "),
@@ -85,7 +87,8 @@ constexpr DumpField kDriveFields[] = {
 constexpr DumpField kBatteryFields[] = {
     RTSHM_DUMP_FIELD(sVOXTAVOBatteryInventory, au8Slot, "au8Slot=%d"),
     RTSHM_DUMP_FIELD(sVOXTAVOBatteryInventory, au8State, "au8State=%d"),
-    {"rtvox_inventory=%d", offsetof(sVOXTAVOBatteryInventory, rtvox_inventory), 4, 0},  // once per table
+    // Once per table, printed with every battery.
+    {RT_TRACE_FORMAT("rtvox_inventory=%d"), offsetof(sVOXTAVOBatteryInventory, rtvox_inventory), 4, 0},
 };
 
 #undef RTSHM_DUMP_FIELD
@@ -104,18 +107,16 @@ void dump_table(const Table &table, uint32_t capacity, const char *title, const 
                     static_cast<int>(capacity));
         shown = capacity;
     }
-    char line[64];
     for (uint32_t i = 0; i < shown; ++i) {
-        std::snprintf(line, sizeof line, title, static_cast<int>(i), count);
-        RT_TRACE_AS("RTSHM_DumpSharedMem", 6, "%s", line);
+        RT_TRACE_FORMATTED_AS("RTSHM_DumpSharedMem", 6, title, static_cast<int>(i), count);
         for (const DumpField &field : fields) {
             int values[4] = {};
             for (uint32_t v = 0; v < field.values; ++v) {
                 values[v] =
                     static_cast<int>(le_get(image, field.offset + v * field.next + i * field.step, field.width));
             }
-            std::snprintf(line, sizeof line, field.format, values[0], values[1], values[2], values[3]);
-            RT_TRACE_AS("RTSHM_DumpSharedMem", 6, "%s", line);
+            // A format with fewer conversions ignores the values behind them.
+            RT_TRACE_FORMATTED_AS("RTSHM_DumpSharedMem", 6, field.format, values[0], values[1], values[2], values[3]);
         }
     }
 }
@@ -159,9 +160,9 @@ void RTSHM_DumpSharedMem(void)
              "VOX_TAVO_DRIVE_POLLING_OFFSET:%d",
              static_cast<int>(sizeof controllers), static_cast<int>(sizeof drives), static_cast<int>(sizeof batteries),
              static_cast<int>(sizeof polling), VOX_TAVO_DRIVE_POLLING_OFFSET);
-    dump_table(controllers, RTSHM_MAX_CONTROLLERS, "controller struct %d of %d", kControllerFields);
-    dump_table(drives, RTSHM_MAX_DRIVES, "PD struct %d of %d", kDriveFields);
-    dump_table(batteries, RTSHM_MAX_BATTERIES, "Battery struct %d of %d", kBatteryFields);
+    dump_table(controllers, RTSHM_MAX_CONTROLLERS, RT_TRACE_FORMAT("controller struct %d of %d"), kControllerFields);
+    dump_table(drives, RTSHM_MAX_DRIVES, RT_TRACE_FORMAT("PD struct %d of %d"), kDriveFields);
+    dump_table(batteries, RTSHM_MAX_BATTERIES, RT_TRACE_FORMAT("Battery struct %d of %d"), kBatteryFields);
     RT_TRACE(6, "sVOXTAVODrivePolling.u8DisableDrivePolling = %d",
              polling.u8DisableDrivePolling & RTSHM_DRIVE_POLLING_DISABLED);
 }
