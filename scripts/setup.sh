@@ -2,6 +2,7 @@
 # Installs the Debian packages that both build legs need, when they are missing.
 #   i386:  gcc/g++ multilib (-m32), cmake, ninja, GoogleTest sources, valgrind
 #   armhf: clang + lld over Debian's armhf cross libraries, qemu-user to run tests
+#   tools: nlohmann-json3-dev (JSON output of rtvoxctl; never used by the library)
 # Never installs gcc-arm-linux-gnueabihf / g++-arm-linux-gnueabihf (they fight
 # with gcc-multilib) nor linux-libc-dev:i386 (apt then drops the toolchain).
 set -u
@@ -13,6 +14,7 @@ packages=(
   libc6-dev-armhf-cross libstdc++-12-dev-armhf-cross libgcc-12-dev-armhf-cross
   qemu-user
   googletest valgrind
+  nlohmann-json3-dev
 )
 
 missing=()

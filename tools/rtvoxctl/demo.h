@@ -53,6 +53,7 @@ void demo_runtime(Demo &demo);
 void demo_sync(Demo &demo);
 void demo_cache(Demo &demo);
 void demo_events(Demo &demo);
+void demo_shm(Demo &demo);
 void demo_stop(Demo &demo);
 
 }  // namespace rtvoxctl

@@ -1,17 +1,20 @@
 // rtvoxctl: drives the rtvox library against the host platform emulation.
 //
 //   rtvoxctl [demo] [--dir DIR] [--level N]
+//   rtvoxctl shm [--json] [--region N]
 //
 // The demonstration plays the monitoring service's start, work and stop and
 // prints an account of it. Every path the library uses lands below DIR (a new
 // directory under the system's temporary directory when not given); N is the
-// highest trace level shown (default 4).
+// highest trace level shown (default 4). `shm` decodes the shared-memory
+// regions another process published (cmd_shm.cpp).
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <string>
 
+#include "cmd_shm.h"
 #include "demo.h"
 #include "vornhost/vornhost.h"
 
@@ -21,8 +24,12 @@ void usage(FILE *out)
 {
     std::fputs(
         "usage: rtvoxctl [demo] [--dir DIR] [--level N]\n"
+        "       rtvoxctl shm [--json] [--region N]\n"
         "  demo        play the monitoring service's start, work and stop against the\n"
-        "              host platform and print what happened (the default command)\n"
+        "              host platform and print what happened (the default command);\n"
+        "              with VORN_SHM_MODE=posix its shared-memory regions stay in place\n"
+        "  shm         decode the shared-memory regions a process published with\n"
+        "              VORN_SHM_MODE=posix (rtvoxctl shm --help)\n"
         "  --dir DIR   directory that receives every file the library writes\n"
         "              (default: a new directory under the temporary directory)\n"
         "  --level N   highest trace level shown, 1 to 6 (default 4)\n",
@@ -47,6 +54,7 @@ int run_demo(const std::string &dir, int level)
     rtvoxctl::demo_sync(demo);
     rtvoxctl::demo_cache(demo);
     rtvoxctl::demo_events(demo);
+    rtvoxctl::demo_shm(demo);
     rtvoxctl::demo_stop(demo);
     std::printf("\nDone. The demo's files stay in %s\n", dir.c_str());
     return 0;
@@ -59,6 +67,9 @@ int main(int argc, char **argv)
     std::string dir;
     int level = 4;
     int first = 1;
+    if (argc > 1 && std::strcmp(argv[1], "shm") == 0) {
+        return rtvoxctl::run_shm(argc - 2, argv + 2);
+    }
     if (argc > 1 && std::strcmp(argv[1], "demo") == 0) {
         first = 2;
     }
