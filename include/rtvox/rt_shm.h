@@ -39,6 +39,15 @@ extern "C" {
  *   - The dump prints at most the entries a table holds (16, 255, 8): a count
  *     read from the region beyond that prints the table's entries and a
  *     level-2 line "count %d is beyond the %d entries of the table".
+ *   - Where the update's values live in the cache: the controller node's PCI
+ *     information block (RtCachePciInfo, rt_cache.h) and the adapter, battery,
+ *     disk and enclosure record fields listed in rt_dup.h; the drive's own
+ *     values in its cache entry (RtCachePdEntry, rt_cache.h).
+ *   - The update skips a controller node without its adapter record like one
+ *     without its PCI block (" contiue2"): the values it would publish live
+ *     there. A max_physicaldevices of 0 examines no drive, like 1.
+ *   - The update's HBA line "enclosure is not of type BACKPLANE %d" carries
+ *     the enclosure id; its TAVO line carries nothing.
  * ========================================================================== */
 
 #define RTSHM_REGION_INVENTORY 3u         /* controllers, drives, batteries */
