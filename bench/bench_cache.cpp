@@ -1,8 +1,9 @@
 // A full poll pass through the object cache on the default limits: 30
 // controllers registered, 255 physical disks and 32 virtual disks each, every
 // record with its name, FQDD, key id and lists. Per controller the pass takes
-// the cache lock, deep-copies each record, stores the copy and releases the
-// copy it replaces, as the monitoring service does.
+// the cache lock, deep-copies each record, stores the copy (a disk's into its
+// node in the physical-disk table) and releases the copy it replaces, as the
+// monitoring service does.
 //
 // Beside it, in the same run, a floor: the same bytes and strings moved with
 // nothing but calloc and memcpy (and free for what a copy replaces), kept in
@@ -128,6 +129,8 @@ bool set_up_cache()
 }
 
 // One poll pass: copy, store, and release the copy that was there (if any).
+// A disk's copy goes into its node: a new node and cache entry the first
+// time, a swap of the node's record afterwards.
 void cache_pass(const Sources &sources)
 {
     for (uint32_t c = 0; c < kControllers; ++c) {
@@ -136,11 +139,18 @@ void cache_pass(const Sources &sources)
         for (uint32_t key = 0; key < kDisks; ++key) {
             auto *copy = static_cast<RtPhysicalDisk *>(rtvox_alloc(RTRAID_RECORD_SIZE));
             rtraid_dupPD(&sources.disks[c * kDisks + key]->record, copy);
-            void *old = nullptr;
-            rtcache_GetCachedObject(RTCACHE_KEY_PD, eid, key, &old);
-            rtcache_SetCachedObject(RTCACHE_KEY_PD, eid, key, copy);
-            if (old != nullptr) {
+            void *object = nullptr;
+            rtcache_GetCachedObject(RTCACHE_KEY_PD, eid, key, &object);
+            if (auto *node = static_cast<RtCachePdNode *>(object); node != nullptr) {
+                RtPhysicalDisk *old = node->enclObj->enclType.physicalDisk.Obj;
+                node->enclObj->enclType.physicalDisk.Obj = copy;
                 rtcache_FreeRMObjects(old, 1);
+            } else {
+                node = static_cast<RtCachePdNode *>(rtvox_alloc(sizeof(RtCachePdNode)));
+                node->objType = RTCACHE_PDNODE_PHYSICALDISK;
+                node->enclObj = static_cast<RtCachePdEntry *>(rtvox_alloc(sizeof(RtCachePdEntry)));
+                node->enclObj->enclType.physicalDisk.Obj = copy;
+                rtcache_SetCachedObject(RTCACHE_KEY_PD, eid, key, node);
             }
         }
         for (uint32_t key = 0; key < kVirtualDisks; ++key) {
@@ -170,6 +180,7 @@ void cache_release()
 struct PlainCopy {
     void *record = nullptr;
     void *members[4] = {};
+    void *holders[2] = {};  // a disk's node and cache entry, kept across replacements
 };
 
 void *plain_copy(const void *source, size_t bytes)
@@ -207,7 +218,12 @@ void floor_pass(const Sources &sources, std::vector<PlainCopy> &table)
             copy.members[2] = plain_copy(source.keyId, RTRAID_KEYID_SIZE);
             copy.members[3] = plain_copy(source.list, sizeof source.list);
             plain_free(table[slot]);
-            table[slot] = copy;
+            if (table[slot].holders[0] == nullptr) {
+                table[slot].holders[0] = std::calloc(1, sizeof(RtCachePdNode));
+                table[slot].holders[1] = std::calloc(1, sizeof(RtCachePdEntry));
+            }
+            table[slot].record = copy.record;
+            std::memcpy(table[slot].members, copy.members, sizeof copy.members);
         }
         for (uint32_t key = 0; key < kVirtualDisks; ++key, ++slot) {
             const VirtualDiskSource &source = *sources.virtualDisks[c * kVirtualDisks + key];
@@ -226,6 +242,10 @@ void floor_release(std::vector<PlainCopy> &table)
 {
     for (PlainCopy &copy : table) {
         plain_free(copy);
+        for (void *&holder : copy.holders) {
+            std::free(holder);
+            holder = nullptr;
+        }
     }
 }
 

@@ -3,6 +3,7 @@
 #define RT_MODULE_FILE "rt_cache.c"
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 
@@ -84,14 +85,52 @@ void release_node(uint32_t EID)
     }
 }
 
-// Frees every record of one row of a disk table and clears the slots.
-void release_row(void ***table, uint32_t index, uint32_t columns)
+template <typename Record, size_t N>
+void release_runs(Record *(&words)[N])
+{
+    for (Record *&word : words) {
+        release_run(word);
+    }
+}
+
+bool is_enclosure_node(uint32_t objType)
+{
+    return objType == RTCACHE_PDNODE_EXTERNAL || objType == RTCACHE_PDNODE_BACKPLANE;
+}
+
+// Frees a node of the physical-disk table with everything the cache owns
+// through it (the entry's record, an enclosure's element records, the entry)
+// and clears its slot. Only the node's and the entry's own bytes are read.
+void release_pd_node(void *&slot)
+{
+    auto *node = static_cast<RtCachePdNode *>(slot);
+    if (RtCachePdEntry *entry = node->enclObj; entry != nullptr) {
+        release_run(entry->enclType.physicalDisk.Obj);  // one word for every kind: the entry's record
+        if (is_enclosure_node(node->objType)) {
+            release_runs(entry->apEMM);
+            release_runs(entry->apFan);
+            release_runs(entry->apPSU);
+            release_runs(entry->apTempProbe);
+        }
+        rtvox_free(entry);
+    }
+    rtvox_free(node);
+    slot = nullptr;
+}
+
+// A slot of cache_VDs holds the record itself.
+void release_vd_slot(void *&slot)
+{
+    rtcache_FreeRMObjects(slot, 1);
+    slot = nullptr;
+}
+
+// Frees every set slot of one row of a disk table.
+void release_row(void ***table, uint32_t index, uint32_t columns, void (*release_slot)(void *&))
 {
     for (uint32_t key = 0; key < columns; ++key) {
-        void *&slot = table[index][key];
-        if (slot != nullptr) {
-            rtcache_FreeRMObjects(slot, 1);
-            slot = nullptr;
+        if (void *&slot = table[index][key]; slot != nullptr) {
+            release_slot(slot);
         }
     }
 }
@@ -240,7 +279,11 @@ uint32_t rtcache_FreeObjectLevel(uint32_t EID, uint32_t level)
                 }
                 RT_TRACE(2, "%s error s32Temp %d", __func__, index);  // the runs are freed all the same
             } else {
-                release_row(table, static_cast<uint32_t>(index), pds ? max_physicaldevices : max_logicaldevices);
+                if (pds) {
+                    release_row(table, static_cast<uint32_t>(index), max_physicaldevices, release_pd_node);
+                } else {
+                    release_row(table, static_cast<uint32_t>(index), max_logicaldevices, release_vd_slot);
+                }
             }
             if (level == RTCACHE_LEVEL_PDS_RUNS && node != nullptr) {
                 release_node_runs(*node);
@@ -296,21 +339,17 @@ int32_t rtcache_FreeMem(void)
             const int eid = eids != nullptr ? eids[index] : static_cast<int>(RTCACHE_EID_NONE);
             if (disk_table_usable(cache_PDs)) {
                 for (uint32_t key = 0; key < max_physicaldevices; ++key) {
-                    void *&slot = cache_PDs[index][key];
-                    if (slot != nullptr) {
+                    if (void *&slot = cache_PDs[index][key]; slot != nullptr) {
                         RT_TRACE(5, "EID=%d physical device=%d ", eid, static_cast<int>(key));
-                        rtcache_FreeRMObjects(slot, 1);
-                        slot = nullptr;
+                        release_pd_node(slot);
                     }
                 }
             }
             if (disk_table_usable(cache_VDs)) {
                 for (uint32_t key = 0; key < max_logicaldevices; ++key) {
-                    void *&slot = cache_VDs[index][key];
-                    if (slot != nullptr) {
+                    if (void *&slot = cache_VDs[index][key]; slot != nullptr) {
                         RT_TRACE(5, "EID=%d logical device=%d", eid, static_cast<int>(key));
-                        rtcache_FreeRMObjects(slot, 1);
-                        slot = nullptr;
+                        release_vd_slot(slot);
                     }
                 }
             }

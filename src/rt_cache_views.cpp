@@ -69,24 +69,29 @@ bool is_enclosure_node(uint32_t objType)
 }
 
 // The enclosure record behind an enclosure node, or NULL.
-RtEnclosure *enclosure_record(const void *node)
+RtEnclosure *enclosure_record(const RtCachePdNode &node)
 {
-    const RtCacheEnclosureObj *object = static_cast<const RtCachePdEnclNode *>(node)->enclObj;
-    if (object == nullptr) {
+    const RtCachePdEntry *entry = node.enclObj;
+    if (entry == nullptr) {
         return nullptr;
     }
-    return load_u32(node, 0) == RTCACHE_PDNODE_EXTERNAL ? object->enclType.extEncl.Obj : object->enclType.backPlane.Obj;
+    return node.objType == RTCACHE_PDNODE_EXTERNAL ? entry->enclType.extEncl.Obj : entry->enclType.backPlane.Obj;
+}
+
+// The disk record behind a physical-disk node, or NULL.
+RtPhysicalDisk *disk_record(const RtCachePdNode &node)
+{
+    return node.enclObj != nullptr ? node.enclObj->enclType.physicalDisk.Obj : nullptr;
 }
 
 // The record whose FQDD stands for a node of the physical-disk table: the
-// disk record itself, or an enclosure's record; NULL for other nodes.
-const RtRecord *node_record(const void *node)
+// disk's or the enclosure's record; NULL for other nodes.
+const RtRecord *node_record(const RtCachePdNode &node)
 {
-    const uint32_t objType = load_u32(node, 0);
-    if (objType == RTRAID_OBJTYPE_PHYSICALDISK) {
-        return static_cast<const RtRecord *>(node);
+    if (node.objType == RTCACHE_PDNODE_PHYSICALDISK) {
+        return reinterpret_cast<const RtRecord *>(disk_record(node));
     }
-    if (is_enclosure_node(objType)) {
+    if (is_enclosure_node(node.objType)) {
         return reinterpret_cast<const RtRecord *>(enclosure_record(node));
     }
     return nullptr;
@@ -151,26 +156,26 @@ void add_elements(RtCacheEventNode **list, Record *const (&slots)[N], uint32_t k
     }
 }
 
-void add_disk_node(RtCacheEventNode **list, void *node, uint32_t eventType)
+void add_disk_node(RtCacheEventNode **list, const RtCachePdNode &node, uint32_t eventType)
 {
-    const uint32_t objType = load_u32(node, 0);
-    if (objType == RTRAID_OBJTYPE_PHYSICALDISK) {
-        if (eventType == RAID_MGMT_EVENT_CHANGE_OBJECT) {
-            clear_bytes(node, kDiskStateOffset);
+    if (node.objType == RTCACHE_PDNODE_PHYSICALDISK) {
+        // A node without its record is still listed; there is just nothing to mark.
+        if (RtPhysicalDisk *disk = disk_record(node); disk != nullptr && eventType == RAID_MGMT_EVENT_CHANGE_OBJECT) {
+            clear_bytes(disk, kDiskStateOffset);
         }
         AddNode(list, RTCACHE_OBJKIND_PHYSICALDISK, 0, eventType);
-    } else if (objType == RTCACHE_PDNODE_BACKPLANE) {
+    } else if (node.objType == RTCACHE_PDNODE_BACKPLANE) {
         if (enclosure_record(node) != nullptr) {
             AddNode(list, RTCACHE_OBJKIND_ENCLOSURE, 0, eventType);
         }
-    } else if (objType == RTCACHE_PDNODE_EXTERNAL) {
+    } else if (node.objType == RTCACHE_PDNODE_EXTERNAL) {
         if (enclosure_record(node) != nullptr) {
             AddNode(list, RTCACHE_OBJKIND_ENCLOSURE, 0, eventType);
-            const RtCacheEnclosureObj &object = *static_cast<const RtCachePdEnclNode *>(node)->enclObj;
-            add_elements(list, object.apEMM, RTCACHE_OBJKIND_EMM, eventType);
-            add_elements(list, object.apFan, RTCACHE_OBJKIND_ENCL_ELEMENT, eventType);
-            add_elements(list, object.apPSU, RTCACHE_OBJKIND_ENCL_ELEMENT, eventType);
-            add_elements(list, object.apTempProbe, RTCACHE_OBJKIND_ENCL_ELEMENT, eventType);
+            const RtCachePdEntry &entry = *node.enclObj;
+            add_elements(list, entry.apEMM, RTCACHE_OBJKIND_EMM, eventType);
+            add_elements(list, entry.apFan, RTCACHE_OBJKIND_ENCL_ELEMENT, eventType);
+            add_elements(list, entry.apPSU, RTCACHE_OBJKIND_ENCL_ELEMENT, eventType);
+            add_elements(list, entry.apTempProbe, RTCACHE_OBJKIND_ENCL_ELEMENT, eventType);
         }
     }
 }
@@ -268,12 +273,13 @@ uint32_t rtcache_GetEnclosureFQDD(uint16_t EID, uint16_t EnclId, wchar_t **ppFQD
         RT_TRACE(4, "<--pPdCache is NULL");
         return 0;
     }
-    const uint32_t objType = load_u32(object, 0);
+    const auto *node = static_cast<const RtCachePdNode *>(object);
+    const uint32_t objType = node->objType;
     if (!is_enclosure_node(objType)) {
         RT_TRACE(4, "<--pPdCache->objType is not ENCLOSURE");
         return 0;
     }
-    const RtCacheEnclosureObj *enclObj = static_cast<const RtCachePdEnclNode *>(object)->enclObj;
+    const RtCachePdEntry *enclObj = node->enclObj;
     if (enclObj == nullptr) {
         RT_TRACE(4, "<--pPdCache->enclObj is NULL");
         return 0;
@@ -430,8 +436,8 @@ uint32_t rtcache_ConvertCacheToEvent(uint32_t EID, uint32_t eventType, RtCacheEv
     }
     const auto adapter = static_cast<uint32_t>(index);
     for (uint32_t key = 0; key < max_physicaldevices; ++key) {
-        if (void *node = pds.at(adapter, key); node != nullptr) {
-            add_disk_node(&list, node, eventType);
+        if (const auto *node = static_cast<const RtCachePdNode *>(pds.at(adapter, key)); node != nullptr) {
+            add_disk_node(&list, *node, eventType);
         }
     }
     uint32_t walked = 0;
@@ -506,8 +512,8 @@ int32_t rtcache_PrintCache(void)
     for (uint32_t index = 0; index < max_adapters; ++index) {
         if (table_usable(cache_PDs)) {
             for (uint32_t key = 0; key < max_physicaldevices; ++key) {
-                const void *node = cache_PDs[index][key];
-                if (const RtRecord *record = node != nullptr ? node_record(node) : nullptr; record != nullptr) {
+                const auto *node = static_cast<const RtCachePdNode *>(cache_PDs[index][key]);
+                if (const RtRecord *record = node != nullptr ? node_record(*node) : nullptr; record != nullptr) {
                     std::fprintf(file, "Index=%d DeviceID=%d %ls\n", static_cast<int>(index), static_cast<int>(key),
                                  printable(record->hdr.FQDD));
                 }

@@ -94,14 +94,15 @@ int32_t dup_element(const RtRecord *src, RtRecord *dest)
 
 // Battery and driver records own only their name and FQDD; `function` is
 // the exported copy the trace lines speak for.
-RtRecord *dup_named_record(const RtRecord *pSrc, const char *function)
+template <typename Record>
+Record *dup_named_record(const Record *pSrc, const char *function)
 {
     RT_TRACE_LOG_AS(function, 4, "--> %s", function);
     if (pSrc == nullptr) {
         RT_TRACE_LOG_AS(function, 2, "<--error1 %s", function);
         return nullptr;
     }
-    auto *copy = alloc_record<RtRecord>();
+    auto *copy = alloc_record<Record>();
     if (copy == nullptr) {
         RT_TRACE_LOG_AS(function, 2, "<--error2 %s", function);
         return nullptr;

@@ -32,8 +32,16 @@ void log_copy(const char *function, const char *format, ...) RTVOX_PRINTF_LIKE(2
 
 // The same, on behalf of an exported function whose body is shared with
 // others: `function` is the name the line carries.
-#define RT_TRACE_AS(function, level, fmt, ...)                                               \
-    vornprintf((level), RT_TRACE_CATEGORY, "%s:%s:%u:" fmt "\n", RT_MODULE_FILE, (function), \
+#define RT_TRACE_AS(function, level, fmt, ...) \
+    RT_TRACE_FORMATTED_AS(function, level, RT_TRACE_FORMAT(fmt) __VA_OPT__(, ) __VA_ARGS__)
+
+// A line whose text is chosen at run time (from a table of lines, say):
+// each candidate is written as RT_TRACE_FORMAT("text %d") where the text is
+// known, and the chosen one is traced with RT_TRACE_FORMATTED_AS, so that
+// the line is still formatted once, by the trace service.
+#define RT_TRACE_FORMAT(fmt) "%s:%s:%u:" fmt "\n"
+#define RT_TRACE_FORMATTED_AS(function, level, format, ...)                      \
+    vornprintf((level), RT_TRACE_CATEGORY, (format), RT_MODULE_FILE, (function), \
                static_cast<unsigned>(__LINE__) __VA_OPT__(, ) __VA_ARGS__)
 
 #define RT_TRACE_LOG_AS(function, level, fmt, ...)                             \

@@ -31,24 +31,29 @@ protected:
         for (uint8_t eid : {kRaid, kHba}) {
             ASSERT_EQ(store(RTCACHE_KEY_ADAPTER, eid, eid, cached_node()), 0u);
             for (uint32_t key = 0; key < kDisks; ++key) {
-                ASSERT_EQ(store(RTCACHE_KEY_PD, eid, key, cached_pd(key)), 0u);
+                ASSERT_EQ(store(RTCACHE_KEY_PD, eid, key, cached_pd_node(key)), 0u);
             }
         }
     }
 };
 
-// One poll pass over a controller: each disk, then the adapter record, is
-// replaced under the lock as the service does it (copy, store, free the old
-// one); then the status is updated.
+// One poll pass over a controller: each disk record, then the adapter
+// record, is replaced under the lock as the service does it (copy, swap it
+// into the node, or store a new node where the row was released, free the
+// old record); then the status is updated.
 void poll(uint8_t eid, uint32_t pass)
 {
     for (uint32_t key = 0; key < kDisks; ++key) {
         ASSERT_EQ(rtcache_GetLock(), 0u);
         RtPhysicalDisk *fresh = cached_pd(key, L"Disk generation " + std::to_wstring(pass));
-        void *old = nullptr;
-        EXPECT_EQ(rtcache_GetCachedObject(RTCACHE_KEY_PD, eid, key, &old), 0u);
-        EXPECT_EQ(rtcache_SetCachedObject(RTCACHE_KEY_PD, eid, key, fresh), 0u);
-        rtcache_FreeRMObjects(old, 1);
+        void *node = nullptr;
+        EXPECT_EQ(rtcache_GetCachedObject(RTCACHE_KEY_PD, eid, key, &node), 0u);
+        if (node == nullptr) {
+            EXPECT_EQ(rtcache_SetCachedObject(RTCACHE_KEY_PD, eid, key, disk_node(fresh)), 0u);
+        } else {
+            rtcache_FreeRMObjects(
+                std::exchange(static_cast<RtCachePdNode *>(node)->enclObj->enclType.physicalDisk.Obj, fresh), 1);
+        }
         SMMutexUnLock(mutexRtCache);
     }
     ASSERT_EQ(rtcache_GetLock(), 0u);
@@ -77,7 +82,7 @@ bool read_whole(uint8_t eid, uint32_t key)
     void *node = nullptr;
     const bool fetched = rtcache_GetCachedObject(RTCACHE_KEY_PD, eid, key, &object) == 0 &&
                          rtcache_GetCachedObject(RTCACHE_KEY_ADAPTER, eid, eid, &node) == 0 && node != nullptr;
-    const auto *disk = static_cast<const RtPhysicalDisk *>(object);
+    const RtPhysicalDisk *disk = disk_of(object);
     const RtAdapter *adapter = fetched ? static_cast<const RtCacheCtrlNode *>(node)->pAdapter : nullptr;
     const bool whole =
         registry && adapter != nullptr && std::wcsncmp(adapter->hdr.FQDD, L"RAID.Slot.", 10) == 0 &&
@@ -128,7 +133,7 @@ TEST_F(CacheConcurrency, PollThreadReplacesRecordsWhileReadersFetchUnderTheLock)
     EXPECT_EQ(alloc_live(), live);  // each replaced record freed
     const std::wstring last = L"Disk generation " + std::to_wstring(passes);
     for (uint32_t key = 0; key < 2 * kDisks; ++key) {
-        const auto *disk = static_cast<const RtPhysicalDisk *>(cache_PDs[key / kDisks][key % kDisks]);
+        const RtPhysicalDisk *disk = disk_of(cache_PDs[key / kDisks][key % kDisks]);
         ASSERT_NE(disk, nullptr);
         EXPECT_EQ(disk->NAME, last);
     }

@@ -68,6 +68,38 @@ inline RtPhysicalDisk *cached_pd(uint32_t id, const std::wstring &name = L"Physi
     return copy;
 }
 
+// A node of the physical-disk table with its cache entry (none when withEntry
+// is false), as the service builds it: two blocks.
+inline RtCachePdNode *pd_node(uint32_t objType, bool withEntry = true)
+{
+    auto *node = static_cast<RtCachePdNode *>(rtvox_alloc(sizeof(RtCachePdNode)));
+    node->objType = objType;
+    if (withEntry) {
+        node->enclObj = static_cast<RtCachePdEntry *>(rtvox_alloc(sizeof(RtCachePdEntry)));
+    }
+    return node;
+}
+
+// A physical-disk node holding `record`.
+inline RtCachePdNode *disk_node(RtPhysicalDisk *record)
+{
+    RtCachePdNode *node = pd_node(RTCACHE_PDNODE_PHYSICALDISK);
+    node->enclObj->enclType.physicalDisk.Obj = record;
+    return node;
+}
+
+inline RtCachePdNode *cached_pd_node(uint32_t id, const std::wstring &name = L"Physical Disk 0:1:0")
+{
+    return disk_node(cached_pd(id, name));
+}
+
+// The disk record behind a node of cache_PDs, or NULL.
+inline RtPhysicalDisk *disk_of(const void *node)
+{
+    const auto *pd = static_cast<const RtCachePdNode *>(node);
+    return pd != nullptr && pd->enclObj != nullptr ? pd->enclObj->enclType.physicalDisk.Obj : nullptr;
+}
+
 inline RtVirtualDisk *cached_vd(uint32_t id)
 {
     std::wstring name = L"Virtual Disk " + std::to_wstring(id);
@@ -123,7 +155,7 @@ inline RtBattery *cached_battery()
     std::wstring name = L"Battery";
     std::wstring fqdd = L"Battery.Integrated.1:RAID.Slot.1-1";
     const RtRecord source = head_source(name, fqdd);
-    return rtraid_DupBattery(&source);
+    return rtraid_DupBattery(reinterpret_cast<const RtBattery *>(&source));
 }
 
 // A controller node with every member the release walks know about.
@@ -144,7 +176,7 @@ inline RtCacheCtrlNode *cached_node(uint32_t nodeType = RTCACHE_NODE_CONTROLLER)
     const RtRecord probe = head_source(probeName, probeFqdd);
     node->pTempProbe = static_cast<RtTempProbe *>(rtvox_alloc(RTRAID_RECORD_SIZE));
     rtraid_dupTEMPPROBE(&probe, node->pTempProbe);
-    node->pPciInfo = rtvox_alloc(16);
+    node->pPciInfo = static_cast<RtCachePciInfo *>(rtvox_alloc(sizeof(RtCachePciInfo)));
     node->pServiceData = rtvox_alloc(32);
     return node;
 }

@@ -111,7 +111,7 @@ void fill(uint8_t eid)
 {
     ASSERT_EQ(store(RTCACHE_KEY_ADAPTER, eid, eid, cached_node()), 0u);
     for (uint32_t key : {0u, 1u, 300u, 511u}) {
-        ASSERT_EQ(store(RTCACHE_KEY_PD, eid, key, cached_pd(key)), 0u);
+        ASSERT_EQ(store(RTCACHE_KEY_PD, eid, key, cached_pd_node(key)), 0u);
     }
     for (uint32_t key : {0u, 253u}) {
         ASSERT_EQ(store(RTCACHE_KEY_VD, eid, key, cached_vd(key)), 0u);
@@ -183,6 +183,19 @@ TEST_F(CacheReleaseLevel, RefusalsFreeNothing)
 
 using CacheReleaseAll = CacheTest;
 
+// An external enclosure node owning its record and element records, one
+// behind an empty slot: all of it is the cache's.
+RtCachePdNode *enclosure_node()
+{
+    RtCachePdNode *node = pd_node(RTCACHE_PDNODE_EXTERNAL);
+    RtCachePdEntry &entry = *node->enclObj;
+    entry.enclType.extEncl.Obj = reinterpret_cast<RtEnclosure *>(text_record(RTRAID_OBJTYPE_ENCLOSURE));
+    for (RtRecord **slot : {&entry.apEMM[1], &entry.apFan[0], &entry.apPSU[0], &entry.apTempProbe[7]}) {
+        *slot = text_record(9);
+    }
+    return node;
+}
+
 TEST_F(CacheReleaseAll, DestroyGivesBackEverythingButPcieSsdNodesAndTheMembersOfUntypedNodes)
 {
     add_eid(0, 7);
@@ -197,16 +210,19 @@ TEST_F(CacheReleaseAll, DestroyGivesBackEverythingButPcieSsdNodesAndTheMembersOf
     auto *pcie = static_cast<RtCacheCtrlNode *>(rtvox_alloc(RTCACHE_CTRL_NODE_SIZE));
     auto *nvme = static_cast<RtCacheCtrlNode *>(rtvox_alloc(RTCACHE_CTRL_NODE_SIZE));
     auto *untyped = static_cast<RtCacheCtrlNode *>(rtvox_alloc(RTCACHE_CTRL_NODE_SIZE));
-    void *member = untyped->pPciInfo = rtvox_alloc(16);
-    EXPECT_EQ((Codes{store(RTCACHE_KEY_ADAPTER, 7, 7, cached_node()), store(RTCACHE_KEY_ADAPTER, 20, 20, cached_node()),
-                     store(RTCACHE_KEY_ADAPTER, 30, 30, cached_node(RTCACHE_NODE_HBA)),  // needs no registry entry
-                     store(RTCACHE_KEY_ADAPTER, 11, 11, pcie), store(RTCACHE_KEY_ADAPTER, 12, 12, nvme),
-                     store(RTCACHE_KEY_ADAPTER, 40, 40, untyped),  // EID 40 is not registered
-                     store(RTCACHE_KEY_PD, 20, 511, cached_pd(511)), store(RTCACHE_KEY_VD, 7, 253, cached_vd(253)),
-                     store(RTCACHE_KEY_PCIESSD_EXTENDER, 3, 16, extender),
-                     store(RTCACHE_KEY_PCIESSD_BACKPLANE, 4, 4, backplane),  // the limit itself
-                     store(RTCACHE_KEY_CMDSCOUNT, 0, 0, rtvox_alloc(4))}),
-              (Codes{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
+    void *member = untyped->pPciInfo = static_cast<RtCachePciInfo *>(rtvox_alloc(sizeof(RtCachePciInfo)));
+    EXPECT_EQ(
+        (Codes{store(RTCACHE_KEY_ADAPTER, 7, 7, cached_node()), store(RTCACHE_KEY_ADAPTER, 20, 20, cached_node()),
+               store(RTCACHE_KEY_ADAPTER, 30, 30, cached_node(RTCACHE_NODE_HBA)),  // needs no registry entry
+               store(RTCACHE_KEY_ADAPTER, 11, 11, pcie), store(RTCACHE_KEY_ADAPTER, 12, 12, nvme),
+               store(RTCACHE_KEY_ADAPTER, 40, 40, untyped),  // EID 40 is not registered
+               store(RTCACHE_KEY_PD, 20, 511, cached_pd_node(511)), store(RTCACHE_KEY_PD, 20, 0, enclosure_node()),
+               store(RTCACHE_KEY_PD, 20, 1, pd_node(RTCACHE_PDNODE_BACKPLANE)),           // no record
+               store(RTCACHE_KEY_PD, 7, 2, pd_node(RTCACHE_PDNODE_PHYSICALDISK, false)),  // no entry
+               store(RTCACHE_KEY_VD, 7, 253, cached_vd(253)), store(RTCACHE_KEY_PCIESSD_EXTENDER, 3, 16, extender),
+               store(RTCACHE_KEY_PCIESSD_BACKPLANE, 4, 4, backplane),  // the limit itself
+               store(RTCACHE_KEY_CMDSCOUNT, 0, 0, rtvox_alloc(4))}),
+        (Codes{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
     rtcache_Destroy();
     EXPECT_EQ(alloc_live(), 3);  // the two PCIe SSD nodes left in place and the untyped node's member
     EXPECT_TRUE(cache_AllEIDs[11] == pcie && cache_AllEIDs[12] == nvme && cache_AllEIDs[40] == nullptr);

@@ -61,7 +61,7 @@ TEST_F(CacheLifecycle, InitFillDestroyInitAgain)
         add_eid(1, 9, RTCACHE_EIDTYPE_HBA);
         EXPECT_EQ((Codes{store(RTCACHE_KEY_ADAPTER, 7, 7, cached_node()),
                          store(RTCACHE_KEY_ADAPTER, 9, 9, cached_node(RTCACHE_NODE_HBA)),
-                         store(RTCACHE_KEY_PD, 7, 511, cached_pd(1)), store(RTCACHE_KEY_VD, 9, 3, cached_vd(3)),
+                         store(RTCACHE_KEY_PD, 7, 511, cached_pd_node(1)), store(RTCACHE_KEY_VD, 9, 3, cached_vd(3)),
                          store(RTCACHE_KEY_CMDSCOUNT, 7, 254, rtvox_alloc(8)), rtcache_SetID(3, 4)}),
                   (Codes{0, 0, 0, 0, 0, 0}));
         rtcache_Destroy();

@@ -62,20 +62,6 @@ protected:
         gRTCache_EventCount = 0;
         trace_start();
     }
-    void TearDown() override
-    {
-        // The release walks free an enclosure node as a block: its object and
-        // records are the service's to free.
-        for (RtCacheEnclosureObj *object : objects_) {
-            rtcache_FreeRMObjects(object->enclType.extEncl.Obj, 1);
-            rtvox_free(object);
-        }
-        for (RtRecord *element : elements_) {
-            rtcache_FreeRMObjects(element, 1);
-        }
-        CacheTest::TearDown();
-    }
-
     static RtEnclosure *enclosure_record(uint8_t position, const std::wstring &fqdd)
     {
         auto *record = static_cast<RtEnclosure *>(rtvox_alloc(RTRAID_RECORD_SIZE));
@@ -98,14 +84,11 @@ protected:
         elements_.push_back(record);
         return record;
     }
-    RtCachePdEnclNode *enclosure_node(uint32_t objType, RtEnclosure *record, bool withObject = true)
+    static RtCachePdNode *enclosure_node(uint32_t objType, RtEnclosure *record, bool withEntry = true)
     {
-        auto *node = static_cast<RtCachePdEnclNode *>(rtvox_alloc(sizeof(RtCachePdEnclNode)));
-        node->objType = objType;
-        if (withObject) {
-            node->enclObj = static_cast<RtCacheEnclosureObj *>(rtvox_alloc(sizeof(RtCacheEnclosureObj)));
+        RtCachePdNode *node = pd_node(objType, withEntry);
+        if (withEntry) {
             node->enclObj->enclType.backPlane.Obj = record;
-            objects_.push_back(node->enclObj);
         }
         return node;
     }
@@ -123,8 +106,7 @@ protected:
         return rtcache_ConvertCacheToEvent(eid, eventType, block);
     }
 
-    std::vector<RtCacheEnclosureObj *> objects_;
-    std::vector<RtRecord *> elements_;
+    std::vector<RtRecord *> elements_;  // owned by the cache once stored
 };
 
 // ---- FQDD lookups ----------------------------------------------------------------------------
@@ -176,7 +158,7 @@ TEST_F(Views, EnclosureLookupCopiesTheFqddAndAnswersThePosition)
               0u);
     ASSERT_EQ(store(RTCACHE_KEY_PD, kEid, 42, enclosure_node(RTCACHE_PDNODE_EXTERNAL, nullptr)), 0u);
     ASSERT_EQ(store(RTCACHE_KEY_PD, kEid, 43, enclosure_node(RTCACHE_PDNODE_BACKPLANE, nullptr, false)), 0u);
-    ASSERT_EQ(store(RTCACHE_KEY_PD, kEid, 44, cached_pd(44)), 0u);
+    ASSERT_EQ(store(RTCACHE_KEY_PD, kEid, 44, cached_pd_node(44)), 0u);
     ASSERT_EQ(store(RTCACHE_KEY_PD, kEid, 45, enclosure_node(RTCACHE_PDNODE_BACKPLANE, enclosure_record(7, L""))), 0u);
     ASSERT_EQ(rtcache_GetLock(), 0u);
 
@@ -273,12 +255,12 @@ TEST_F(Views, ControllerWithDisksEnclosuresAndVirtualDisksEntryByEntry)
     ASSERT_EQ(store(RTCACHE_KEY_ADAPTER, kEid, kEid, node), 0u);
     RtPhysicalDisk *disk0 = cached_pd(0);
     disk0->state = ~0ull;
-    ASSERT_EQ(store(RTCACHE_KEY_PD, kEid, 0, disk0), 0u);
-    ASSERT_EQ(store(RTCACHE_KEY_PD, kEid, 2, cached_pd(2)), 0u);
+    ASSERT_EQ(store(RTCACHE_KEY_PD, kEid, 0, disk_node(disk0)), 0u);
+    ASSERT_EQ(store(RTCACHE_KEY_PD, kEid, 2, cached_pd_node(2)), 0u);
     ASSERT_EQ(store(RTCACHE_KEY_PD, kEid, 5, enclosure_node(RTCACHE_PDNODE_BACKPLANE, enclosure_record(1, L"BP"))), 0u);
     ASSERT_EQ(store(RTCACHE_KEY_PD, kEid, 6, enclosure_node(RTCACHE_PDNODE_BACKPLANE, nullptr)), 0u);
-    RtCachePdEnclNode *external = enclosure_node(RTCACHE_PDNODE_EXTERNAL, enclosure_record(3, L"EXT"));
-    RtCacheEnclosureObj &object = *external->enclObj;
+    RtCachePdNode *external = enclosure_node(RTCACHE_PDNODE_EXTERNAL, enclosure_record(3, L"EXT"));
+    RtCachePdEntry &object = *external->enclObj;
     for (RtRecord **slot : {&object.apEMM[0], &object.apEMM[1], &object.apFan[0], &object.apFan[1], &object.apFan[2],
                             &object.apFan[4],  // behind an empty slot: not visited
                             &object.apPSU[1],  // slot 15 without slot 14: not visited
@@ -286,8 +268,8 @@ TEST_F(Views, ControllerWithDisksEnclosuresAndVirtualDisksEntryByEntry)
         *slot = element();
     }
     ASSERT_EQ(store(RTCACHE_KEY_PD, kEid, 8, external), 0u);
-    auto *other = static_cast<RtRecord *>(rtvox_alloc(RTRAID_RECORD_SIZE));
-    other->objType = 9;
+    RtCachePdNode *other = pd_node(9);
+    other->enclObj->enclType.physicalDisk.Obj = cached_pd(9);
     ASSERT_EQ(store(RTCACHE_KEY_PD, kEid, 9, other), 0u);
     std::vector<RtVirtualDisk *> vds{cached_vd(0), cached_vd(1), cached_vd(3)};
     for (uint32_t key : {0u, 1u, 3u}) {  // 3 is after the gap at 2: not walked
@@ -391,11 +373,12 @@ TEST_F(Views, PrintCacheWritesTheDumpOnlyWhenItsFileExists)
     ASSERT_EQ(store(RTCACHE_KEY_ADAPTER, kEid, kEid, controller(RTCACHE_NODE_CONTROLLER, true)), 0u);
     ASSERT_EQ(store(RTCACHE_KEY_ADAPTER, kHba, kHba, controller(RTCACHE_NODE_HBA, false)), 0u);
     ASSERT_EQ(store(RTCACHE_KEY_ADAPTER, 0x30, 0x30, rtvox_alloc(RTCACHE_CTRL_NODE_SIZE)), 0u);
-    ASSERT_EQ(store(RTCACHE_KEY_PD, kEid, 0, cached_pd(0)), 0u);
+    ASSERT_EQ(store(RTCACHE_KEY_PD, kEid, 0, cached_pd_node(0)), 0u);
     ASSERT_EQ(store(RTCACHE_KEY_PD, kEid, 5, enclosure_node(RTCACHE_PDNODE_BACKPLANE, enclosure_record(1, L"BP.5"))),
               0u);
     ASSERT_EQ(store(RTCACHE_KEY_PD, kEid, 6, enclosure_node(RTCACHE_PDNODE_EXTERNAL, nullptr)), 0u);
-    ASSERT_EQ(store(RTCACHE_KEY_PD, kHba, 1, cached_pd(1)), 0u);
+    ASSERT_EQ(store(RTCACHE_KEY_PD, kHba, 1, cached_pd_node(1)), 0u);
+    ASSERT_EQ(store(RTCACHE_KEY_PD, kHba, 2, pd_node(RTCACHE_PDNODE_PHYSICALDISK)), 0u);  // no record: not listed
     ASSERT_EQ(store(RTCACHE_KEY_VD, kEid, 3, cached_vd(3)), 0u);
 
     EXPECT_NE(rtcache_PrintCache(), 0);

@@ -59,9 +59,9 @@ TEST_F(ControllerCopy, CopyReleaseAndEveryFailingAllocation)
 
     // The version does not matter to the battery and driver copies.
     Source<RtRecord> head(7, 0, L"Battery on Controller 1", L"Battery.Integrated.1:RAID.Integrated.1-1");
-    for (const auto &[fn, dup] : {std::make_pair("rtraid_DupBattery", rtraid_DupBattery),
-                                  std::make_pair("rtraid_DupDriver", rtraid_DupDriver)}) {
-        copy_release_and_fail_each(fn, fresh(dup), &head.rec, head.texts, 512, {{8}, {20}}, 512 + (24 + 41) * 4);
+    for (const auto &[fn, copier] : {std::make_pair("rtraid_DupBattery", fresh(rtraid_DupBattery)),
+                                     std::make_pair("rtraid_DupDriver", fresh(rtraid_DupDriver))}) {
+        copy_release_and_fail_each(fn, copier, &head.rec, head.texts, 512, {{8}, {20}}, 512 + (24 + 41) * 4);
     }
 }
 

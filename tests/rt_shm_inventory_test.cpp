@@ -35,7 +35,7 @@ Texts extender(uint32_t slot)
 
 // The cached backplane of a bay read by bytes: {FQDD, name} of its enclosure
 // record (pointer at 8; FQDD at 20, NAME at 8), and its fields with the
-// record's slot and drive counts (bytes 71, 72).
+// record's slot and drive counts (bytes 72, 73).
 Texts backplane(uint32_t bay, Ints *fields = nullptr)
 {
     const auto *b = reinterpret_cast<const uint8_t *>(cache_Bkplanes[bay]);
@@ -44,7 +44,7 @@ Texts backplane(uint32_t bay, Ints *fields = nullptr)
     }
     const uint8_t *record = *reinterpret_cast<uint8_t *const *>(b + 8);
     if (fields != nullptr) {
-        *fields = {b[0], b[1], b[2], b[3], b[4] | (b[5] << 8), record[71], record[72]};
+        *fields = {b[0], b[1], b[2], b[3], b[4] | (b[5] << 8), record[72], record[73]};
     }
     return {text(*reinterpret_cast<const wchar_t *const *>(record + 20)),
             text(*reinterpret_cast<const wchar_t *const *>(record + 8))};

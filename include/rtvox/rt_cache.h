@@ -171,7 +171,7 @@ extern StorageEIDInfo cache_StorageEIDInfo;
  *      4      16  pAdapterKey     plain: adapter key record (rtraid_DupAdapterKey), or NULL
  *      5      20  pTempProbe      run: the controller's temperature probe (rtraid_dupTEMPPROBE), or NULL
  *   6-11      24  au32Service6    service data
- *     12      48  pPciInfo        plain: the controller's PCI information block, or NULL
+ *     12      48  pPciInfo        plain: the controller's PCI information block (RtCachePciInfo), or NULL
  *  13-20      52  au32Service13   service data
  *     21      84  pServiceData    plain: a further block of the service's, or NULL
  *
@@ -182,6 +182,21 @@ extern StorageEIDInfo cache_StorageEIDInfo;
 #define RTCACHE_NODE_CONTROLLER 0u
 #define RTCACHE_NODE_HBA 3u
 
+/* The controller's PCI information block, 16 bytes of plain data. The PCI
+ * slot published for the controller is (au8Location[1] << 7 |
+ * au8Location[0] >> 1), cut to 8 bits. */
+typedef struct RTVOX_PACKED RtCachePciInfo {
+    uint16_t u16VendorID;
+    uint16_t u16DeviceID;
+    uint16_t u16SubVendorID;
+    uint16_t u16SubDeviceID;
+    uint8_t au8Location[2]; /* the controller's PCI location, as the controller layer reports it */
+    uint8_t au8Reserved[6];
+} RtCachePciInfo;
+RTVOX_ASSERT_SIZE(RtCachePciInfo, 16);
+RTVOX_ASSERT_OFFSET(RtCachePciInfo, u16SubDeviceID, 6);
+RTVOX_ASSERT_OFFSET(RtCachePciInfo, au8Location, 8);
+
 typedef struct RtCacheCtrlNode {
     uint32_t u32NodeType;
     RtAdapter *pAdapter;
@@ -190,7 +205,7 @@ typedef struct RtCacheCtrlNode {
     RtAdapterKey *pAdapterKey;
     RtTempProbe *pTempProbe;
     uint32_t au32Service6[6];
-    void *pPciInfo;
+    RtCachePciInfo *pPciInfo;
     uint32_t au32Service13[8];
     void *pServiceData;
 } RtCacheCtrlNode;
@@ -235,7 +250,7 @@ RTVOX_ASSERT_OFFSET(RtCacheBackplane, pEnclosure, 8);
 /* ---- object tables ----------------------------------------------------------------- */
 
 extern RtCacheCtrlNode *cache_AllEIDs[RTCACHE_ALLEIDS_SLOTS]; /* by EID */
-extern void ***cache_PDs; /* [adapter index][object key], max_adapters x max_physicaldevices record pointers */
+extern void ***cache_PDs; /* [adapter index][object key], max_adapters x max_physicaldevices node pointers */
 extern void ***cache_VDs; /* [adapter index][object key], max_adapters x max_logicaldevices record pointers */
 extern RtCacheBackplane *cache_Bkplanes[RTCACHE_BKPLANE_SLOTS]; /* by backplane key */
 extern RtCacheExtender *cache_Extndrs[RTCACHE_EXTNDR_SLOTS];    /* by extender key */
@@ -402,7 +417,7 @@ int32_t rtcache_FreeRMObjects(void *pObjects, uint32_t count);
 /* Levels of rtcache_FreeObjectLevel. */
 #define RTCACHE_LEVEL_CONTROLLER 1 /* the whole node: its runs, its plain blocks, the node; slot cleared */
 #define RTCACHE_LEVEL_BATTERY 2    /* the node's battery run (word 2) */
-#define RTCACHE_LEVEL_PDS 3        /* the controller's row of cache_PDs */
+#define RTCACHE_LEVEL_PDS 3        /* the controller's row of cache_PDs: every node with what it owns */
 #define RTCACHE_LEVEL_VDS 4        /* the controller's row of cache_VDs */
 #define RTCACHE_LEVEL_PDS_RUNS 5   /* the row of cache_PDs and the node's runs (words 1, 2, 3, 5); the node stays */
 
@@ -416,7 +431,8 @@ uint32_t rtcache_FreeObjectLevel(uint32_t EID, uint32_t level);
 
 /* Frees the whole cache under the lock: the controller nodes (those of PCIe
  * SSD EIDs, types 7 and 11, are left in place; a node whose EID type cannot
- * be read is freed without its members), every disk and virtual disk, the
+ * be read is freed without its members), every node of the physical-disk
+ * table with what it owns (see the nodes below) and every virtual disk, the
  * extenders, the backplanes with their enclosure records, the
  * cache_CMDsCount blocks, then cache_PDs, cache_VDs, the registry arrays and
  * the event blocks (table pointers are set to NULL). Event records still
@@ -558,35 +574,66 @@ uint32_t rtcache_PurgeDelayedCachedEvents(uint32_t EID, uint32_t dcmdOpcode);
 /* ============================================================================
  * Nodes of the physical-disk table and FQDD lookups
  *
- * A slot of cache_PDs holds a 512-byte block whose first word is objType:
- *   3    the physical-disk record itself (RtPhysicalDisk);
- *   2    an external enclosure, 240 a backplane: an RtCachePdEnclNode whose
- *        word 1 (enclObj) points to the enclosure object below.
- * Every node is a 512-byte block because the release walks free each slot of
- * cache_PDs as a run of one record (the texts at bytes 8 and 20 when set, then
- * the block). They do not know enclosure objects: the object and the records
- * it points to stay the service's to free.
+ * Every slot of cache_PDs holds a node (RtCachePdNode, 8 bytes, rtvox_alloc):
+ * its objType says what it stands for and its enclObj points to the object's
+ * cache entry (RtCachePdEntry, 112 bytes, rtvox_alloc):
+ *   3    a physical disk: enclType.physicalDisk.Obj is the disk record
+ *        (RtPhysicalDisk, from rtraid_dupPD) and the entry carries the values
+ *        the controller reports for the drive besides its record;
+ *   2    an external enclosure: enclType.extEncl.Obj is the enclosure record,
+ *        the four element groups hold its EMMs, fans, power supplies and
+ *        temperature probes;
+ *   240  a backplane: enclType.backPlane.Obj is the enclosure record.
+ * The three union members are one word: the entry's record, whatever the
+ * kind. A disk keeps its node and entry across polls: a poll that replaces
+ * the record swaps enclType.physicalDisk.Obj and releases the old record with
+ * rtcache_FreeRMObjects.
  *
- * The enclosure object: word 0 is the union enclType (extEncl.Obj for an
- * external enclosure, backPlane.Obj for a backplane: the enclosure record);
- * then four groups of element records, each filled from its first slot on
- * (an empty slot ends the group): EMMs in words 2-3, fans in words 5-12,
- * power supplies in words 14-15 and temperature probes in words 17-24. Words
- * 1, 4, 13 and 16 are the service's and are never read here.
+ * The cache entry
+ *     word  offset  member                 kinds
+ *        0       0  enclType (the record)  all
+ *        1       4  u32Service1            the service's, never read here
+ *      2-3       8  apEMM[2]               external enclosure (group A)
+ *        4      16  u32Service4            the service's
+ *     5-12      20  apFan[8]               external enclosure (group B)
+ *       13      52  u32Service13           the service's
+ *    14-15      56  apPSU[2]               external enclosure (group C)
+ *       16      64  u32Service16           the service's
+ *    17-24      68  apTempProbe[8]         external enclosure (group D)
+ *              100  u16PDStatus            disk: drive status word
+ *              102  u8Temp                 disk: temperature, degrees Celsius
+ *              103  u8Impedance            disk: impedance code
+ *              104  u8EnclType             disk and enclosure: enclosure type
+ *              105  u8IsBackplane          enclosure: 1 = a backplane
+ *              106  u8Multipath            disk: 1 = reached over several paths
+ *              108  u16MultipathPrimary    disk: object key of its primary path
+ * Each element group is filled from its first slot on; an empty slot ends
+ * the group for the event views.
+ *
+ * What the cache owns through a node, and the release walks free (node by
+ * node, by kind; nothing is read beyond the node's 8 bytes and the entry's
+ * 112): the entry's record (as a run of one record, with everything it owns),
+ * for an enclosure node (2 or 240) every element record set in the four
+ * groups, then the entry and the node. A node of any other objType loses its
+ * record, entry and node the same way; a node without an entry only itself.
+ * So a cached enclosure is the cache's as much as a cached disk is: store
+ * copies (rtraid_dupEnclosure, rtraid_dupEMM, ...) and never free them
+ * yourself once stored.
  *
  * The lookups take no lock: call them with the lock held and use the result
  * while you hold it.
  * ========================================================================== */
 
-#define RTCACHE_PDNODE_EXTERNAL 2u    /* EXTERNAL enclosure node */
-#define RTCACHE_PDNODE_BACKPLANE 240u /* BACKPLANE enclosure node */
+#define RTCACHE_PDNODE_EXTERNAL 2u     /* EXTERNAL enclosure node */
+#define RTCACHE_PDNODE_PHYSICALDISK 3u /* physical-disk node */
+#define RTCACHE_PDNODE_BACKPLANE 240u  /* BACKPLANE enclosure node */
 
 #define RTCACHE_ENCL_EMM_SLOTS 2
 #define RTCACHE_ENCL_FAN_SLOTS 8
 #define RTCACHE_ENCL_PSU_SLOTS 2
 #define RTCACHE_ENCL_TEMPPROBE_SLOTS 8
 
-typedef struct RtCacheEnclosureObj {
+typedef struct RtCachePdEntry {
     union {
         struct {
             RtEnclosure *Obj;
@@ -594,6 +641,9 @@ typedef struct RtCacheEnclosureObj {
         struct {
             RtEnclosure *Obj;
         } backPlane;
+        struct {
+            RtPhysicalDisk *Obj;
+        } physicalDisk;
     } enclType;
     uint32_t u32Service1;
     RtEMM *apEMM[RTCACHE_ENCL_EMM_SLOTS];
@@ -603,20 +653,36 @@ typedef struct RtCacheEnclosureObj {
     RtPSU *apPSU[RTCACHE_ENCL_PSU_SLOTS];
     uint32_t u32Service16;
     RtTempProbe *apTempProbe[RTCACHE_ENCL_TEMPPROBE_SLOTS];
-} RtCacheEnclosureObj;
-RTVOX_ASSERT_SIZE(RtCacheEnclosureObj, 100);
-RTVOX_ASSERT_OFFSET(RtCacheEnclosureObj, apEMM, 8);
-RTVOX_ASSERT_OFFSET(RtCacheEnclosureObj, apFan, 20);
-RTVOX_ASSERT_OFFSET(RtCacheEnclosureObj, apPSU, 56);
-RTVOX_ASSERT_OFFSET(RtCacheEnclosureObj, apTempProbe, 68);
+    uint16_t u16PDStatus;
+    uint8_t u8Temp;
+    uint8_t u8Impedance;
+    uint8_t u8EnclType;
+    uint8_t u8IsBackplane;
+    uint8_t u8Multipath;
+    uint8_t u8Reserved107;
+    uint16_t u16MultipathPrimary;
+    uint8_t au8Reserved110[2];
+} RtCachePdEntry;
+RTVOX_ASSERT_SIZE(RtCachePdEntry, 112);
+RTVOX_ASSERT_OFFSET(RtCachePdEntry, enclType.physicalDisk.Obj, 0);
+RTVOX_ASSERT_OFFSET(RtCachePdEntry, apEMM, 8);
+RTVOX_ASSERT_OFFSET(RtCachePdEntry, apFan, 20);
+RTVOX_ASSERT_OFFSET(RtCachePdEntry, apPSU, 56);
+RTVOX_ASSERT_OFFSET(RtCachePdEntry, apTempProbe, 68);
+RTVOX_ASSERT_OFFSET(RtCachePdEntry, u16PDStatus, 100);
+RTVOX_ASSERT_OFFSET(RtCachePdEntry, u8Temp, 102);
+RTVOX_ASSERT_OFFSET(RtCachePdEntry, u8Impedance, 103);
+RTVOX_ASSERT_OFFSET(RtCachePdEntry, u8EnclType, 104);
+RTVOX_ASSERT_OFFSET(RtCachePdEntry, u8IsBackplane, 105);
+RTVOX_ASSERT_OFFSET(RtCachePdEntry, u8Multipath, 106);
+RTVOX_ASSERT_OFFSET(RtCachePdEntry, u16MultipathPrimary, 108);
 
-typedef struct RTVOX_PACKED RtCachePdEnclNode {
-    uint32_t objType;             /* RTCACHE_PDNODE_EXTERNAL or RTCACHE_PDNODE_BACKPLANE */
-    RtCacheEnclosureObj *enclObj; /* or NULL */
-    uint8_t rsvd8[504];           /* zero: read as record texts by the release walks */
-} RtCachePdEnclNode;
-RTVOX_ASSERT_SIZE(RtCachePdEnclNode, 512);
-RTVOX_ASSERT_OFFSET(RtCachePdEnclNode, enclObj, 4);
+typedef struct RtCachePdNode {
+    uint32_t objType;        /* RTCACHE_PDNODE_PHYSICALDISK, _EXTERNAL or _BACKPLANE */
+    RtCachePdEntry *enclObj; /* the cache entry, or NULL */
+} RtCachePdNode;
+RTVOX_ASSERT_SIZE(RtCachePdNode, 8);
+RTVOX_ASSERT_OFFSET(RtCachePdNode, enclObj, 4);
 
 /* The adapter record's FQDD of the controller node of the EID (node type 0
  * or 3), owned by the cache, or NULL ("<-- error1" fetch failed, "<-- error2"
@@ -678,15 +744,15 @@ void AddNode(RtCacheEventNode **ppHead, uint32_t objType, uint32_t key, uint32_t
  * are then read and changed without it, so no release may run meanwhile.
  *
  * The list, newest first: per virtual disk (keys from 0 up to the first empty
- * slot) kind 4; per physical-disk table slot in key order, kind 3 for a disk,
- * kind 2 for an enclosure whose record is set, and for an external enclosure
+ * slot) kind 4; per physical-disk table node in key order, kind 3 for a disk
+ * (whether or not its record is set), kind 2 for an enclosure whose record is set, and for an external enclosure
  * kind 7 per EMM and kind 8 per fan, power supply and temperature probe; then
  * kind 5 for the controller's battery and kind 0 for its adapter record. So
  * the block starts with the battery and adapter when the EID has no disks.
  *
  * For event type 3 the changed objects are marked: bit 17 of the adapter
- * record's word at byte 96 is set, battery bytes 64-71, disk bytes 100-107
- * (state) and virtual-disk bytes 84-91 are cleared. Enclosure element records
+ * record's word at byte 96 is set, battery bytes 64-71 (state), the disk
+ * record's bytes 100-107 (state) and virtual-disk bytes 84-91 are cleared. Enclosure element records
  * have bytes 72-79 cleared whatever the event type.
  *
  * The block: word 0 is gRTCache_EventCount, which counts the nodes of every

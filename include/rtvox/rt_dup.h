@@ -27,9 +27,27 @@
  *   Fields without a name of their own are named after what they hold:
  *   objType (offset 0), the physical disk's `state` (offset 100), the
  *   enclosure's `Position` (offset 70) and, for a PCIe SSD backplane, its
- *   `u8SlotCount` and `u8DriveCount` (offsets 71 and 72, next to the position
- *   byte; the NVMe inventory fills them), the text pointer `pText` of an
+ *   `u8SlotCount` and `u8DriveCount` (offsets 72 and 73, after the bay id at
+ *   71; the NVMe inventory fills them), the text pointer `pText` of an
  *   adapter text slot and the adapter key's closing 16-bit field `u16Tail`.
+ *
+ *   The values the shared-memory inventory publishes stand in bytes the
+ *   records otherwise leave to the service, and are copied as plain bytes
+ *   (nothing new is owned):
+ *     adapter   120 u32CtrlTemp, 124 u32BatteryTemp, 128 u64CtrlAddress1,
+ *               136 u64CtrlAddress2, 144 u8AdapterFlag,
+ *               145 u8ThermalPDPollDisable (the controller's PCI location
+ *               and ids are the controller node's PCI information block);
+ *     battery   64 state (the 8 bytes a change event clears);
+ *     disk      76 Size (capacity in bytes), 121 Slot, 123 u8BusProtocol,
+ *               124 u8MediaFlags, 125 u8FormFactor, 126 u16EnclDeviceID,
+ *               128 u32NominalRPM, 132 pDescription;
+ *     enclosure 71 u8BayID.
+ *   pDescription is the one pointer among them: it names a constant text of
+ *   the controller layer (its attachment description, such as "Direct" or
+ *   "Tape"), which outlives every record; a copy shares it with its source
+ *   and no release frees it. Leave it NULL for a text that does not live
+ *   that long.
  *   Fields that other modules will read but whose offsets are not settled yet
  *   stay inside the plain byte arrays until they are.
  *
@@ -103,7 +121,7 @@ RTVOX_ASSERT_SIZE(RtRecordHdr, 8);
 RTVOX_ASSERT_OFFSET(RtRecordHdr, VERSION, 0);
 RTVOX_ASSERT_OFFSET(RtRecordHdr, FQDD, 4);
 
-/* Any 512-byte record seen through its head only: battery, driver, the four
+/* Any 512-byte record seen through its head only: driver, the four
  * enclosure elements, and the generic view the release walks use. */
 typedef struct RTVOX_PACKED RtRecord {
     uint32_t objType;
@@ -119,12 +137,28 @@ RTVOX_ASSERT_OFFSET(RtRecord, NAME, 8);
 RTVOX_ASSERT_OFFSET(RtRecord, hdr.VERSION, 16);
 RTVOX_ASSERT_OFFSET(RtRecord, hdr.FQDD, 20);
 
-typedef RtRecord RtBattery;   /* head only */
 typedef RtRecord RtDriver;    /* head only */
 typedef RtRecord RtEMM;       /* enclosure management module, head only */
 typedef RtRecord RtFan;       /* head only */
 typedef RtRecord RtPSU;       /* power supply, head only */
 typedef RtRecord RtTempProbe; /* temperature probe, head only */
+
+/* ---- battery: the head and the battery's state, nothing else owned ---------------- */
+
+typedef struct RTVOX_PACKED RtBattery {
+    uint32_t objType;
+    uint8_t rsvd4[4];
+    wchar_t *NAME; /* owned */
+    uint8_t rsvd12[4];
+    RtRecordHdr hdr;
+    uint8_t rsvd24[40];
+    uint64_t state; /* battery state; a change event clears it so the next poll reports it afresh */
+    uint8_t rsvd72[440];
+} RtBattery;
+RTVOX_ASSERT_SIZE(RtBattery, 512);
+RTVOX_ASSERT_OFFSET(RtBattery, NAME, 8);
+RTVOX_ASSERT_OFFSET(RtBattery, hdr.FQDD, 20);
+RTVOX_ASSERT_OFFSET(RtBattery, state, 64);
 
 /* ---- adapter ------------------------------------------------------------------- */
 
@@ -156,7 +190,13 @@ typedef struct RTVOX_PACKED RtAdapter {
     uint8_t rsvd92[20];
     wchar_t *EXTRA;             /* owned; "Not Applicable" for PCIe SSD adapters */
     RtAdapterEntry *entryArray; /* owned; popcount(entryMask) entries */
-    uint8_t rsvd120[304];
+    uint32_t u32CtrlTemp;       /* controller temperature, degrees Celsius */
+    uint32_t u32BatteryTemp;    /* battery temperature, degrees Celsius */
+    uint64_t u64CtrlAddress1;   /* the controller's two 64-bit addresses, published as they are */
+    uint64_t u64CtrlAddress2;
+    uint8_t u8AdapterFlag;          /* published as it is */
+    uint8_t u8ThermalPDPollDisable; /* 1 = do not poll this controller's drives for temperature */
+    uint8_t rsvd146[278];
     RtAdapterTextSlot textSlots[RTRAID_ADAPTER_TEXT_SLOTS];
     uint8_t rsvd496[16];
 } RtAdapter;
@@ -168,6 +208,12 @@ RTVOX_ASSERT_OFFSET(RtAdapter, hdr.FQDD, 20);
 RTVOX_ASSERT_OFFSET(RtAdapter, entryMask, 88);
 RTVOX_ASSERT_OFFSET(RtAdapter, EXTRA, 112);
 RTVOX_ASSERT_OFFSET(RtAdapter, entryArray, 116);
+RTVOX_ASSERT_OFFSET(RtAdapter, u32CtrlTemp, 120);
+RTVOX_ASSERT_OFFSET(RtAdapter, u32BatteryTemp, 124);
+RTVOX_ASSERT_OFFSET(RtAdapter, u64CtrlAddress1, 128);
+RTVOX_ASSERT_OFFSET(RtAdapter, u64CtrlAddress2, 136);
+RTVOX_ASSERT_OFFSET(RtAdapter, u8AdapterFlag, 144);
+RTVOX_ASSERT_OFFSET(RtAdapter, u8ThermalPDPollDisable, 145);
 RTVOX_ASSERT_OFFSET(RtAdapter, textSlots, 424);
 RTVOX_ASSERT_OFFSET(RtAdapter, rsvd496, 496); /* textSlots: 8 x 9 = 72 bytes */
 
@@ -201,13 +247,19 @@ typedef struct RTVOX_PACKED RtPhysicalDisk {
     uint8_t rsvd24[40];
     uint32_t id;
     uint8_t rsvd68[8];
-    uint64_t Size;
+    uint64_t Size; /* capacity in bytes */
     uint8_t rsvd84[16];
     uint64_t state; /* disk state */
     uint8_t rsvd108[13];
     uint8_t Slot;
     uint8_t Hotspare;
-    uint8_t rsvd123[261];
+    uint8_t u8BusProtocol;       /* bus protocol, published as it is */
+    uint8_t u8MediaFlags;        /* bit 1: solid-state media */
+    uint8_t u8FormFactor;        /* published as it is */
+    uint16_t u16EnclDeviceID;    /* object key of the drive's enclosure node, 0xFFFF = none */
+    uint32_t u32NominalRPM;      /* nominal rotation speed */
+    const wchar_t *pDescription; /* not owned: a constant text of the controller layer, or NULL */
+    uint8_t rsvd136[248];
     char *keyId; /* owned 256-byte buffer holding a narrow text */
     uint8_t rsvd388[115];
     uint8_t listCount;
@@ -224,6 +276,12 @@ RTVOX_ASSERT_OFFSET(RtPhysicalDisk, Size, 76);
 RTVOX_ASSERT_OFFSET(RtPhysicalDisk, state, 100);
 RTVOX_ASSERT_OFFSET(RtPhysicalDisk, Slot, 121);
 RTVOX_ASSERT_OFFSET(RtPhysicalDisk, Hotspare, 122);
+RTVOX_ASSERT_OFFSET(RtPhysicalDisk, u8BusProtocol, 123);
+RTVOX_ASSERT_OFFSET(RtPhysicalDisk, u8MediaFlags, 124);
+RTVOX_ASSERT_OFFSET(RtPhysicalDisk, u8FormFactor, 125);
+RTVOX_ASSERT_OFFSET(RtPhysicalDisk, u16EnclDeviceID, 126);
+RTVOX_ASSERT_OFFSET(RtPhysicalDisk, u32NominalRPM, 128);
+RTVOX_ASSERT_OFFSET(RtPhysicalDisk, pDescription, 132);
 RTVOX_ASSERT_OFFSET(RtPhysicalDisk, keyId, 384);
 RTVOX_ASSERT_OFFSET(RtPhysicalDisk, listCount, 503);
 RTVOX_ASSERT_OFFSET(RtPhysicalDisk, listEntries, 504);
@@ -262,9 +320,10 @@ typedef struct RTVOX_PACKED RtEnclosure {
     RtRecordHdr hdr; /* FQDD shared with the source when VERSION is 0 */
     uint8_t rsvd24[46];
     uint8_t Position;     /* enclosure position */
+    uint8_t u8BayID;      /* bay id of a backplane, published for its drives */
     uint8_t u8SlotCount;  /* slots of a PCIe SSD backplane (set by the NVMe inventory) */
     uint8_t u8DriveCount; /* drives of a PCIe SSD backplane (set by the NVMe inventory) */
-    uint8_t rsvd73[439];
+    uint8_t rsvd74[438];
 } RtEnclosure;
 RTVOX_ASSERT_SIZE(RtEnclosure, 512);
 RTVOX_ASSERT_OFFSET(RtEnclosure, objType, 0);
@@ -272,8 +331,9 @@ RTVOX_ASSERT_OFFSET(RtEnclosure, NAME, 8);
 RTVOX_ASSERT_OFFSET(RtEnclosure, hdr.VERSION, 16);
 RTVOX_ASSERT_OFFSET(RtEnclosure, hdr.FQDD, 20);
 RTVOX_ASSERT_OFFSET(RtEnclosure, Position, 70);
-RTVOX_ASSERT_OFFSET(RtEnclosure, u8SlotCount, 71);
-RTVOX_ASSERT_OFFSET(RtEnclosure, u8DriveCount, 72);
+RTVOX_ASSERT_OFFSET(RtEnclosure, u8BayID, 71);
+RTVOX_ASSERT_OFFSET(RtEnclosure, u8SlotCount, 72);
+RTVOX_ASSERT_OFFSET(RtEnclosure, u8DriveCount, 73);
 
 /* ---- foreign configuration ------------------------------------------------------------------ */
 

@@ -8,6 +8,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "rtvox/rt_cache.h"
 #include "vornhost/vornhost.h"
 
 namespace rtvoxctl {
@@ -68,6 +69,48 @@ void Demo::touch(const std::string &absolute, const std::string &content) const
     const std::filesystem::path real(path(absolute));
     std::filesystem::create_directories(real.parent_path());
     std::ofstream(real, std::ios::trunc) << content;
+}
+
+RtCachePdNode *new_pd_node(uint32_t objType, void *record)
+{
+    auto *node = static_cast<RtCachePdNode *>(rtvox_alloc(sizeof(RtCachePdNode)));
+    auto *entry = static_cast<RtCachePdEntry *>(rtvox_alloc(sizeof(RtCachePdEntry)));
+    if (node == nullptr || entry == nullptr) {
+        rtvox_free(node);
+        rtvox_free(entry);
+        return nullptr;
+    }
+    node->objType = objType;
+    node->enclObj = entry;
+    if (objType == RTCACHE_PDNODE_PHYSICALDISK) {
+        entry->enclType.physicalDisk.Obj = static_cast<RtPhysicalDisk *>(record);
+    } else {
+        entry->enclType.backPlane.Obj = static_cast<RtEnclosure *>(record);
+    }
+    return node;
+}
+
+void release_pd_node(void *object)
+{
+    auto *node = static_cast<RtCachePdNode *>(object);
+    if (node == nullptr) {
+        return;
+    }
+    if (RtCachePdEntry *entry = node->enclObj; entry != nullptr) {
+        rtcache_FreeRMObjects(entry->enclType.physicalDisk.Obj, 1);
+        const auto release_group = [](auto &slots) {
+            for (auto *&element : slots) {
+                rtcache_FreeRMObjects(element, 1);
+                element = nullptr;
+            }
+        };
+        release_group(entry->apEMM);
+        release_group(entry->apFan);
+        release_group(entry->apPSU);
+        release_group(entry->apTempProbe);
+        rtvox_free(entry);
+    }
+    rtvox_free(node);
 }
 
 }  // namespace rtvoxctl

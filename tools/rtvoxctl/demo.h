@@ -6,8 +6,11 @@
 // and shows the trace lines the library emitted meanwhile with traces().
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
+
+struct RtCachePdNode;
 
 namespace rtvoxctl {
 
@@ -38,6 +41,16 @@ private:
     int level_;
 };
 
+// A node of the physical-disk table as the service builds it: the node and
+// its cache entry (rtvox_alloc) holding `record`, the copied disk record for
+// objType 3, the enclosure record for 2 and 240. The cache owns all of it
+// once stored.
+RtCachePdNode *new_pd_node(uint32_t objType, void *record);
+// Frees a physical-disk table node that the cache does not hold (any more)
+// with everything it owns: its record, an enclosure's element records, its
+// cache entry and itself. Call it with the cache lock held.
+void release_pd_node(void *node);
+
 // The steps, in the order the demonstration plays them.
 void demo_start(Demo &demo);
 void demo_runtime(Demo &demo);
@@ -47,6 +60,7 @@ void demo_events(Demo &demo);
 void demo_backplane(Demo &demo);
 void demo_eventlog(Demo &demo);
 void demo_pcie(Demo &demo);
+void demo_shm(Demo &demo);
 void demo_stop(Demo &demo);
 
 }  // namespace rtvoxctl

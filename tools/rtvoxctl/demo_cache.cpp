@@ -131,12 +131,13 @@ void show_contents(Demo &demo)
         if (const auto *node = static_cast<const RtCacheCtrlNode *>(object); node != nullptr) {
             show_row(demo, eid, "adapter", eid, reinterpret_cast<const RtRecord *>(node->pAdapter));
             if (node->pBattery != nullptr) {
-                show_row(demo, eid, "battery", eid, node->pBattery);
+                show_row(demo, eid, "battery", eid, reinterpret_cast<const RtRecord *>(node->pBattery));
             }
         }
         for (uint32_t key = 0; key < max_physicaldevices; ++key) {
             if (rtcache_GetCachedObject(RTCACHE_KEY_PD, eid, key, &object) == 0 && object != nullptr) {
-                show_row(demo, eid, "disk", key, static_cast<const RtRecord *>(object));
+                const RtCachePdEntry *entry = static_cast<const RtCachePdNode *>(object)->enclObj;
+                show_row(demo, eid, "disk", key, reinterpret_cast<const RtRecord *>(entry->enclType.physicalDisk.Obj));
             }
         }
         for (uint32_t key = 0; key < max_logicaldevices; ++key) {
@@ -187,7 +188,8 @@ void demo_cache(Demo &demo)
         node->pBattery = copy_battery(index);
         rtcache_SetCachedObject(RTCACHE_KEY_ADAPTER, eid, eid, node);
         for (uint32_t key = 0; key < kDisks; ++key) {
-            rtcache_SetCachedObject(RTCACHE_KEY_PD, eid, key, copy_disk(index, key, L""));
+            rtcache_SetCachedObject(RTCACHE_KEY_PD, eid, key,
+                                    new_pd_node(RTCACHE_PDNODE_PHYSICALDISK, copy_disk(index, key, L"")));
         }
         for (uint32_t key = 0; key < kVirtualDisks; ++key) {
             rtcache_SetCachedObject(RTCACHE_KEY_VD, eid, key, copy_virtual_disk(index, key));
@@ -197,12 +199,14 @@ void demo_cache(Demo &demo)
     skip_traces(demo, "copying and storing 2 adapters, 2 batteries, 16 disks and 4 virtual disks");
     show_contents(demo);
 
-    demo.section("Object cache: disk 3 of EID 0x10 is replaced (copy, store, free the old copy)");
+    demo.section("Object cache: disk 3 of EID 0x10 is replaced (copy, swap into its node, free the old copy)");
     rtcache_GetLock();
     RtPhysicalDisk *fresh = copy_disk(0, 3, L" (rebuilt)");
-    void *old = nullptr;
-    rtcache_GetCachedObject(RTCACHE_KEY_PD, kEids[0], 3, &old);
-    rtcache_SetCachedObject(RTCACHE_KEY_PD, kEids[0], 3, fresh);
+    void *node = nullptr;
+    rtcache_GetCachedObject(RTCACHE_KEY_PD, kEids[0], 3, &node);
+    RtPhysicalDisk *&record = static_cast<RtCachePdNode *>(node)->enclObj->enclType.physicalDisk.Obj;
+    RtPhysicalDisk *old = record;
+    record = fresh;
     rtcache_FreeRMObjects(old, 1);
     SMMutexUnLock(mutexRtCache);
     demo.traces();

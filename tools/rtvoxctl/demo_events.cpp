@@ -79,9 +79,8 @@ void skip_traces(Demo &demo, const char *what)
     vornhost_trace_clear();
 }
 
-// Caches the controller, its disks, its backplane and one virtual disk;
-// answers the backplane's enclosure object, which the service frees itself.
-RtCacheEnclosureObj *cache_controller()
+// Caches the controller, its disks, its backplane and one virtual disk.
+void cache_controller()
 {
     uint8_t eid = kEid;
     rtcache_GetLock();
@@ -94,21 +93,16 @@ RtCacheEnclosureObj *cache_controller()
     for (uint32_t key = 0; key < kDisks; ++key) {
         auto *disk = record<RtPhysicalDisk>(RTRAID_OBJTYPE_PHYSICALDISK, L"Physical Disk 0:1:" + std::to_wstring(key),
                                             L"Disk.Bay." + std::to_wstring(key) + L":" + kBackplane);
-        rtcache_SetCachedObject(RTCACHE_KEY_PD, kEid, key, disk);
+        rtcache_SetCachedObject(RTCACHE_KEY_PD, kEid, key, new_pd_node(RTCACHE_PDNODE_PHYSICALDISK, disk));
     }
-    auto *backplane = static_cast<RtCachePdEnclNode *>(rtvox_alloc(sizeof(RtCachePdEnclNode)));
-    backplane->objType = RTCACHE_PDNODE_BACKPLANE;
-    backplane->enclObj = static_cast<RtCacheEnclosureObj *>(rtvox_alloc(sizeof(RtCacheEnclosureObj)));
     RtEnclosure *enclosure = record<RtEnclosure>(RTRAID_OBJTYPE_ENCLOSURE, L"Backplane", kBackplane);
     enclosure->Position = 1;
-    backplane->enclObj->enclType.backPlane.Obj = enclosure;
-    rtcache_SetCachedObject(RTCACHE_KEY_PD, kEid, kBackplaneKey, backplane);
+    rtcache_SetCachedObject(RTCACHE_KEY_PD, kEid, kBackplaneKey, new_pd_node(RTCACHE_PDNODE_BACKPLANE, enclosure));
     rtcache_SetCachedObject(RTCACHE_KEY_VD, kEid, 0,
                             record<RtVirtualDisk>(RTRAID_OBJTYPE_LOGICALDISK, L"Virtual Disk 0",
                                                   std::wstring(L"Disk.Virtual.0:") + kController));
     SMMutexUnLock(mutexRtCache);
     rtcache_SetStorageEIDType(kEid, RTCACHE_EIDTYPE_TAVO);
-    return backplane->enclObj;
 }
 
 uint32_t record_event(uint32_t objType, uint32_t eventType, uint32_t key, RtCacheEventRecord *event_data)
@@ -165,7 +159,7 @@ void demo_events(Demo &demo)
         max_adapters = adapters;
         return;
     }
-    RtCacheEnclosureObj *backplane = cache_controller();
+    cache_controller();
     skip_traces(demo, "setting up the cache");
 
     demo.section("Event cache: disk events and a controller event are recorded");
@@ -233,10 +227,8 @@ void demo_events(Demo &demo)
     demo.traces();
     demo.show_file("/tmp/rtvox_cache.log", "the dump");
 
-    rtcache_Destroy();
+    rtcache_Destroy();  // the disks' and the backplane's nodes go with everything they hold
     max_adapters = adapters;
-    rtcache_FreeRMObjects(backplane->enclType.backPlane.Obj, 1);
-    rtvox_free(backplane);
     skip_traces(demo, "rtcache_Destroy");
 }
 

@@ -3,6 +3,7 @@
 //   rtvoxctl [demo] [--dir DIR] [--level N]
 //   rtvoxctl simulate SCENARIO.json [--level N] [--json] [--dir DIR]
 //   rtvoxctl topology [SCENARIO.json] [--dot]
+//   rtvoxctl shm [--json] [--region N]
 //
 // The demonstration (the default command) plays the monitoring service's
 // start, work and stop and prints an account of it. Every path the library
@@ -15,6 +16,7 @@
 #include <filesystem>
 #include <string>
 
+#include "cmd_shm.h"
 #include "commands.h"
 #include "demo.h"
 #include "vornhost/vornhost.h"
@@ -42,6 +44,7 @@ int run_demo(const std::string &dir, int level)
     rtvoxctl::demo_backplane(demo);
     rtvoxctl::demo_eventlog(demo);
     rtvoxctl::demo_pcie(demo);
+    rtvoxctl::demo_shm(demo);
     rtvoxctl::demo_stop(demo);
     std::printf("\nDone. The demo's files stay in %s\n", dir.c_str());
     return 0;
@@ -88,6 +91,7 @@ int main(int argc, char **argv)
     int status = 0;
     rtvoxctl::add_simulate_command(app, status);
     rtvoxctl::add_topology_command(app, status);
+    rtvoxctl::add_shm_command(app, status);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <string>
 
+#include "demo.h"
 #include "rtvox/rt_dup.h"
 #include "simulation.h"
 
@@ -113,7 +114,7 @@ const ElementGroup kElementGroups[] = {{"EMM", "EMM.Slot.", 7, rtraid_dupEMM},
                                        {"Power Supply", "PSU.Slot.", 8, rtraid_dupPSU},
                                        {"Temperature Probe", "TempSensor.Embedded.", 8, rtraid_dupTEMPPROBE}};
 
-RtRecord **element_slots(RtCacheEnclosureObj &object, size_t group)
+RtRecord **element_slots(RtCachePdEntry &object, size_t group)
 {
     RtRecord **slots[] = {object.apEMM, object.apFan, object.apPSU, object.apTempProbe};
     return slots[group];
@@ -121,6 +122,15 @@ RtRecord **element_slots(RtCacheEnclosureObj &object, size_t group)
 
 constexpr size_t kElementSlots[] = {RTCACHE_ENCL_EMM_SLOTS, RTCACHE_ENCL_FAN_SLOTS, RTCACHE_ENCL_PSU_SLOTS,
                                     RTCACHE_ENCL_TEMPPROBE_SLOTS};
+
+void release_cached(RtCacheKeyType type, void *object)
+{
+    if (type == RTCACHE_KEY_PD) {
+        release_pd_node(object);
+    } else {
+        rtcache_FreeRMObjects(object, 1);
+    }
+}
 
 uint8_t eid_type(ControllerKind kind)
 {
@@ -180,7 +190,7 @@ void Simulation::poll_controller(const Controller &c, StepReport &report)
         }
     }
     for (const PhysicalDisk &disk : c.disks) {
-        if (store(report, RTCACHE_KEY_PD, c.eid, disk.key, copy_disk(disk))) {
+        if (put_disk_record(report, c.eid, disk.key, copy_disk(disk))) {
             filled.insert(disk.key);
         }
     }
@@ -231,68 +241,59 @@ bool Simulation::store(StepReport &report, RtCacheKeyType type, uint8_t eid, uin
     void *old = nullptr;
     called(report, "rtcache_GetCachedObject", rtcache_GetCachedObject(type, eid, key, &old));
     if (called(report, "rtcache_SetCachedObject", rtcache_SetCachedObject(type, eid, key, fresh)) != 0) {
-        release_slot(fresh);  // not stored: still ours
+        release_cached(type, fresh);  // not stored: still ours
         return false;
     }
     if (old != fresh) {
-        release_slot(old);
+        release_cached(type, old);
     }
     return true;
 }
 
-RtCachePdEnclNode *Simulation::make_enclosure_node(const Enclosure &enclosure)
+bool Simulation::put_disk_record(StepReport &report, uint8_t eid, uint32_t key, RtPhysicalDisk *record)
 {
-    auto *node = static_cast<RtCachePdEnclNode *>(rtvox_alloc(sizeof(RtCachePdEnclNode)));
-    auto *object = static_cast<RtCacheEnclosureObj *>(rtvox_alloc(sizeof(RtCacheEnclosureObj)));
-    if (node == nullptr || object == nullptr) {
-        rtvox_free(node);
-        rtvox_free(object);
-        return nullptr;
+    // A disk keeps its node and cache entry across polls: a new copy of its
+    // record is swapped into the entry and the old copy released.
+    void *object = nullptr;
+    called(report, "rtcache_GetCachedObject", rtcache_GetCachedObject(RTCACHE_KEY_PD, eid, key, &object));
+    auto *node = static_cast<RtCachePdNode *>(object);
+    if (node != nullptr && node->objType == RTCACHE_PDNODE_PHYSICALDISK && node->enclObj != nullptr) {
+        RtPhysicalDisk *old = node->enclObj->enclType.physicalDisk.Obj;
+        node->enclObj->enclType.physicalDisk.Obj = record;
+        called(report, "rtcache_FreeRMObjects", rtcache_FreeRMObjects(old, 1));
+        return true;
     }
-    node->objType = enclosure.backplane ? RTCACHE_PDNODE_BACKPLANE : RTCACHE_PDNODE_EXTERNAL;
-    node->enclObj = object;
+    RtCachePdNode *fresh = record != nullptr ? new_pd_node(RTCACHE_PDNODE_PHYSICALDISK, record) : nullptr;
+    if (fresh == nullptr) {
+        rtcache_FreeRMObjects(record, 1);
+        return false;
+    }
+    return store(report, RTCACHE_KEY_PD, eid, key, fresh);
+}
+
+RtCachePdNode *Simulation::make_enclosure_node(const Enclosure &enclosure)
+{
     RtEnclosure *record =
         copy_into_new<RtEnclosure>(rtraid_dupEnclosure, RTRAID_OBJTYPE_ENCLOSURE, enclosure.name, enclosure.fqdd);
     if (record != nullptr) {
         record->Position = enclosure.position;
     }
-    object->enclType.backPlane.Obj = record;
+    RtCachePdNode *node =
+        new_pd_node(enclosure.backplane ? RTCACHE_PDNODE_BACKPLANE : RTCACHE_PDNODE_EXTERNAL, record);
+    if (node == nullptr) {
+        rtcache_FreeRMObjects(record, 1);
+        return nullptr;
+    }
+    node->enclObj->u8IsBackplane = enclosure.backplane ? 1 : 0;
     for (size_t group = 0; group < std::size(kElementGroups); ++group) {
         const ElementGroup &g = kElementGroups[group];
         for (uint8_t n = 0; n < enclosure.elements[group] && n < kElementSlots[group]; ++n) {
             const std::string number = std::to_string(n + 1);
-            element_slots(*object, group)[n] = copy_into_new<RtRecord>(
+            element_slots(*node->enclObj, group)[n] = copy_into_new<RtRecord>(
                 g.copy, g.objType, std::string(g.name) + " " + number, g.fqdd + number + ":" + enclosure.fqdd);
         }
     }
-    enclosures_.insert(object);
     return node;
-}
-
-void Simulation::release_slot(void *object)
-{
-    if (object == nullptr) {
-        return;
-    }
-    const uint32_t objType = *static_cast<const uint32_t *>(object);
-    if (objType == RTCACHE_PDNODE_BACKPLANE || objType == RTCACHE_PDNODE_EXTERNAL) {
-        release_enclosure(static_cast<RtCachePdEnclNode *>(object)->enclObj);
-    }
-    rtcache_FreeRMObjects(object, 1);
-}
-
-void Simulation::release_enclosure(RtCacheEnclosureObj *enclosure)
-{
-    if (enclosure == nullptr || enclosures_.erase(enclosure) == 0) {
-        return;
-    }
-    rtcache_FreeRMObjects(enclosure->enclType.backPlane.Obj, 1);
-    for (size_t group = 0; group < std::size(kElementGroups); ++group) {
-        for (size_t n = 0; n < kElementSlots[group]; ++n) {
-            rtcache_FreeRMObjects(element_slots(*enclosure, group)[n], 1);
-        }
-    }
-    rtvox_free(enclosure);
 }
 
 void Simulation::put_disk(const Controller &c, const PhysicalDisk &disk, const char *what, StepReport &report)
@@ -302,7 +303,7 @@ void Simulation::put_disk(const Controller &c, const PhysicalDisk &disk, const c
         report.line("EID %u: the cache lock could not be taken", c.eid);
         return;
     }
-    if (store(report, RTCACHE_KEY_PD, c.eid, disk.key, copy_disk(disk))) {
+    if (put_disk_record(report, c.eid, disk.key, copy_disk(disk))) {
         stored_[c.eid].insert(disk.key);
         report.line("EID %u: disk %u %s: %s copied and stored", c.eid, disk.key, what, disk.fqdd.c_str());
     } else {

@@ -293,9 +293,6 @@ StepReport Simulation::stop()
     fetched_.clear();
     rtcache_Destroy();
     report.line("rtcache_Destroy: every cached record and table released");
-    while (!enclosures_.empty()) {
-        release_enclosure(*enclosures_.begin());
-    }
     called(report, "rtraid_EventQueue_Destroy", rtraid_EventQueue_Destroy());
     rt_log_Exit();
     report.line("event queue destroyed, diagnostic log closed");

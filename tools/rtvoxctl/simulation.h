@@ -136,9 +136,8 @@ private:
     void store_node(const Controller &controller, StepReport &report);
     bool store(StepReport &report, RtCacheKeyType type, uint8_t eid, uint32_t key, void *fresh);
     void put_disk(const Controller &controller, const PhysicalDisk &disk, const char *what, StepReport &report);
-    RtCachePdEnclNode *make_enclosure_node(const Enclosure &enclosure);
-    void release_slot(void *object);
-    void release_enclosure(RtCacheEnclosureObj *enclosure);
+    bool put_disk_record(StepReport &report, uint8_t eid, uint32_t key, RtPhysicalDisk *record);
+    RtCachePdNode *make_enclosure_node(const Enclosure &enclosure);
 
     void discover(StepReport &report);
     void plant_platform(StepReport &report);
@@ -163,7 +162,6 @@ private:
     uint32_t ipmi_calls_ = 0;
     std::vector<TraceLine> all_traces_;             // every line of the current step, for expectations
     std::map<uint8_t, std::set<uint32_t>> stored_;  // physical-disk table keys filled, per EID
-    std::set<RtCacheEnclosureObj *> enclosures_;    // enclosure objects: the service frees them itself
     std::map<uint8_t, uint32_t> command_;           // open command windows: EID -> opcode
     std::vector<EventStep> events_;                 // what each event record stands for
     std::vector<RtCacheEventRecord *> fetched_;     // fetched and not yet submitted

@@ -87,17 +87,21 @@ TopologyNode read_controller(uint8_t eid, const StorageEIDInfoEntry &info)
         if (object == nullptr) {
             continue;
         }
-        const uint32_t objType = *static_cast<const uint32_t *>(object);
+        const auto *node = static_cast<const RtCachePdNode *>(object);
+        const uint32_t objType = node->objType;
+        const RtCachePdEntry *entry = node->enclObj;
+        if (entry == nullptr) {
+            continue;
+        }
         if (objType == RTCACHE_PDNODE_BACKPLANE || objType == RTCACHE_PDNODE_EXTERNAL) {
-            const RtCacheEnclosureObj *enclosure = static_cast<const RtCachePdEnclNode *>(object)->enclObj;
-            const RtEnclosure *record = enclosure != nullptr ? enclosure->enclType.backPlane.Obj : nullptr;
+            const RtEnclosure *record = entry->enclType.backPlane.Obj;
             enclosures.push_back(
                 {(objType == RTCACHE_PDNODE_BACKPLANE ? "backplane " : "enclosure ") + std::to_string(key),
                  record != nullptr ? narrow(record->hdr.FQDD) : "",
                  record != nullptr ? format("position %u", record->Position) : "",
                  {}});
-        } else if (objType == RTRAID_OBJTYPE_PHYSICALDISK) {
-            const auto *disk = static_cast<const RtPhysicalDisk *>(object);
+        } else if (objType == RTCACHE_PDNODE_PHYSICALDISK && entry->enclType.physicalDisk.Obj != nullptr) {
+            const RtPhysicalDisk *disk = entry->enclType.physicalDisk.Obj;
             const uint64_t state = disk->state;
             disks.push_back({"disk " + std::to_string(key),
                              narrow(disk->hdr.FQDD),

@@ -1,0 +1,190 @@
+// One update of the inventory region from a full cache: 16 TAVO controllers
+// with a battery and 255 drives each, every drive behind its controller's
+// backplane (the update publishes the first 255 drives and stops there).
+// The update runs under the cache lock as the service calls it, dump
+// included; trace output is off but the trace calls are made.
+//
+// Beside it, in the same run, a floor: the same three tables filled from
+// flat arrays of the values they publish (0xFF first, then each entry) and
+// written to region 3 with three writes.
+#include <cstdio>
+#include <cstring>
+
+#include "bench.h"
+#include "rtvox/rt_cache.h"
+#include "rtvox/rt_shm.h"
+
+namespace {
+
+constexpr uint32_t kControllers = RTSHM_MAX_CONTROLLERS;
+constexpr uint32_t kDrives = RTSHM_MAX_DRIVES;
+constexpr uint32_t kBackplaneKey = 300;
+
+template <typename T>
+T *block()
+{
+    return static_cast<T *>(rtvox_alloc(sizeof(T)));
+}
+
+RtCachePdNode *pd_node(uint32_t objType, void *record)
+{
+    auto *node = block<RtCachePdNode>();
+    node->objType = objType;
+    node->enclObj = block<RtCachePdEntry>();
+    node->enclObj->enclType.physicalDisk.Obj = static_cast<RtPhysicalDisk *>(record);
+    return node;
+}
+
+bool add_controller(uint8_t eid, uint8_t slot)
+{
+    auto *node = block<RtCacheCtrlNode>();
+    node->pAdapter = block<RtAdapter>();
+    node->pAdapter->u32CtrlTemp = 40 + slot;
+    node->pAdapter->u32BatteryTemp = 30 + slot;
+    node->pAdapter->u64CtrlAddress1 = 0x500000000000ull + eid;
+    node->pPciInfo = block<RtCachePciInfo>();
+    *node->pPciInfo = RtCachePciInfo{0x1000, 0x5F, 0x1028, 0x1F38, {static_cast<uint8_t>(2 * slot), 1}, {}};
+    node->pBattery = block<RtBattery>();
+    node->pBattery->state = 2;
+    uint8_t registered = eid;
+    bool stored = rtcache_SetCachedObject(RTCACHE_KEY_STORAGEEID, eid, slot, &registered) == 0 &&
+                  rtcache_SetCachedObject(RTCACHE_KEY_ADAPTER, eid, eid, node) == 0;
+    auto *enclosure = block<RtEnclosure>();
+    enclosure->u8BayID = slot;
+    stored = stored && rtcache_SetCachedObject(RTCACHE_KEY_PD, eid, kBackplaneKey,
+                                               pd_node(RTCACHE_PDNODE_BACKPLANE, enclosure)) == 0;
+    for (uint32_t key = 0; key < kDrives && stored; ++key) {
+        auto *disk = block<RtPhysicalDisk>();
+        disk->objType = RTRAID_OBJTYPE_PHYSICALDISK;
+        disk->Slot = static_cast<uint8_t>(key);
+        disk->Size = uint64_t{960} << 30;
+        disk->u16EnclDeviceID = kBackplaneKey;
+        disk->u32NominalRPM = 7200;
+        RtCachePdNode *drive = pd_node(RTCACHE_PDNODE_PHYSICALDISK, disk);
+        drive->enclObj->u8Temp = 30;
+        stored = rtcache_SetCachedObject(RTCACHE_KEY_PD, eid, key, drive) == 0;
+    }
+    return stored;
+}
+
+bool set_up_cache()
+{
+    if (rtcache_Init() != 0 || rtcache_GetLock() != 0) {
+        return false;
+    }
+    bool ready = true;
+    for (uint8_t slot = 0; slot < kControllers && ready; ++slot) {
+        ready = add_controller(static_cast<uint8_t>(0x10 + slot), slot);
+    }
+    SMMutexUnLock(mutexRtCache);
+    for (uint8_t slot = 0; slot < kControllers && ready; ++slot) {
+        ready = rtcache_SetStorageEIDType(0x10 + slot, RTCACHE_EIDTYPE_TAVO) == 0;
+    }
+    return ready && RTSHM_InitSharedMem() == 0;
+}
+
+// ---- the floor -----------------------------------------------------------------------
+
+// The values of the tables as flat arrays, one per field.
+struct Flat {
+    uint8_t slot[kControllers], kind[kControllers], thermal[kControllers], location[kControllers];
+    uint32_t temp[kControllers], batteryTemp[kControllers], ids[4][kControllers];
+    uint64_t address1[kControllers], address2[kControllers];
+    uint8_t bay[kDrives], occupied[kDrives], protocol[kDrives], media[kDrives], formFactor[kDrives], driveTemp[kDrives],
+        impedance[kDrives], enclType[kDrives];
+    uint32_t rpm[kDrives];
+    uint16_t status[kDrives], capacity[kDrives];
+    uint8_t batterySlot[RTSHM_MAX_BATTERIES], batteryState[RTSHM_MAX_BATTERIES];
+};
+
+Flat flat_values()
+{
+    Flat flat{};
+    for (uint32_t i = 0; i < kControllers; ++i) {
+        flat.slot[i] = static_cast<uint8_t>(0x80 | i);
+        flat.temp[i] = 40 + i;
+        flat.batteryTemp[i] = 30 + i;
+        flat.ids[0][i] = 0x1000;
+        flat.ids[3][i] = 0x1F38;
+    }
+    for (uint32_t k = 0; k < kDrives; ++k) {
+        flat.occupied[k] = static_cast<uint8_t>(k);
+        flat.rpm[k] = 7200;
+        flat.capacity[k] = 960;
+        flat.driveTemp[k] = 30;
+    }
+    return flat;
+}
+
+void floor_pass(const Flat &flat)
+{
+    sVOXTavoInventory controllers;
+    sVOXSASSATAInventory drives;
+    sVOXTAVOBatteryInventory batteries;
+    std::memset(&controllers, 0xFF, sizeof controllers);
+    std::memset(&drives, 0xFF, sizeof drives);
+    std::memset(&batteries, 0xFF, sizeof batteries);
+    controllers.s32Count = kControllers;
+    for (uint32_t i = 0; i < kControllers; ++i) {
+        controllers.au8PCISlot[i] = flat.slot[i];
+        controllers.au32Temp[i] = flat.temp[i];
+        controllers.au32BatteryTemp[i] = flat.batteryTemp[i];
+        controllers.au32PCIVendorID[i] = flat.ids[0][i];
+        controllers.au32PCIDeviceID[i] = flat.ids[1][i];
+        controllers.au32PCISubVendorID[i] = flat.ids[2][i];
+        controllers.au32PCISubDeviceID[i] = flat.ids[3][i];
+        controllers.au8CardLocation[i] = flat.location[i];
+        controllers.au64CtrlAddress1[i] = flat.address1[i];
+        controllers.au8CtrlKind[i] = flat.kind[i];
+        controllers.au8AdapterFlag[i] = 0;
+        controllers.thermalPDPollDisable[i] = flat.thermal[i];
+        controllers.au64CtrlAddress2[i] = flat.address2[i];
+    }
+    drives.s32Count = kDrives;
+    for (uint32_t k = 0; k < kDrives; ++k) {
+        drives.au8DriveBayID[k] = flat.bay[k];
+        drives.au8DriveOccupiedSlot[k] = flat.occupied[k];
+        drives.au8DriveProtocolType[k] = flat.protocol[k];
+        drives.au8DriveMediaType[k] = flat.media[k];
+        drives.au8DriveFormFactor[k] = flat.formFactor[k];
+        drives.au8Temp[k] = flat.driveTemp[k];
+        drives.au32NominalRPM[k] = flat.rpm[k];
+        drives.pdShmStatus[k] = flat.status[k];
+        drives.au16DriveCapacity[k] = flat.capacity[k];
+        drives.au8DriveImpendance[k] = flat.impedance[k];
+        drives.au8ChassisSlot[k] = flat.bay[k];
+        drives.au8EnclosureTyoe[k] = flat.enclType[k];
+    }
+    batteries.s32Count = RTSHM_MAX_BATTERIES;
+    std::memcpy(batteries.au8Slot, flat.batterySlot, sizeof batteries.au8Slot);
+    std::memcpy(batteries.au8State, flat.batteryState, sizeof batteries.au8State);
+    batteries.rtvox_inventory = 1;
+    Vorn_shm_memwrite(RTSHM_REGION_INVENTORY, &controllers, RTSHM_TAVO_INVENTORY_OFFSET, sizeof controllers);
+    Vorn_shm_memwrite(RTSHM_REGION_INVENTORY, &drives, RTSHM_SASSATA_INVENTORY_OFFSET, sizeof drives);
+    Vorn_shm_memwrite(RTSHM_REGION_INVENTORY, &batteries, RTSHM_BATTERY_INVENTORY_OFFSET, sizeof batteries);
+}
+
+}  // namespace
+
+RTVOX_BENCH(shm_update)
+{
+    if (!set_up_cache()) {
+        std::fprintf(stderr, "shm_update: the cache could not be set up\n");
+        rtcache_Destroy();
+        return;
+    }
+    const double updates = bench.rate([] {
+        rtcache_GetLock();
+        RTSHM_UpdateSharedMem();
+        SMMutexUnLock(mutexRtCache);
+    });
+    rtcache_Destroy();
+    const Flat flat = flat_values();
+    const double floors = bench.rate([&flat] { floor_pass(flat); });
+
+    bench.report("RTSHM_UpdateSharedMem, 16 controllers x 255 drives behind backplanes, dump included", updates,
+                 "updates/s");
+    bench.report("floor, the same three tables filled from flat arrays and written", floors, "updates/s");
+    bench.report("RTSHM_UpdateSharedMem against the floor", updates > 0 ? 100.0 * floors / updates : 0.0,
+                 "% of the floor's time");
+}

@@ -1,0 +1,347 @@
+// The update of the inventory region from the cache. Records are built and
+// the region is read back by byte offset, never through the library's structs.
+#include <gmock/gmock.h>
+
+#include "rt_cache_fixtures.h"
+#include "rt_shm_region_fixtures.h"
+#include "rtvox/rt_shm.h"
+
+using namespace rtvox::test;
+using namespace rtvox::test::cache;
+using namespace rtvox::test::shm;
+using ::testing::ElementsAre;
+using Values = std::vector<int64_t>;
+
+namespace {
+
+constexpr uint8_t TAVO = RTCACHE_EIDTYPE_TAVO;
+constexpr uint8_t HBA = RTCACHE_EIDTYPE_HBA;
+constexpr uint8_t MIRU = RTCACHE_EIDTYPE_MIRU;
+constexpr uint64_t kNone = 0xFFFFFFFFu;
+
+void poke(void *record, size_t offset, size_t width, uint64_t value)
+{
+    auto *bytes = static_cast<uint8_t *>(record);
+    for (size_t i = 0; i < width; ++i) {
+        bytes[offset + i] = static_cast<uint8_t>(value >> (8 * i));
+    }
+}
+
+void *record(uint32_t objType)
+{
+    void *made = rtvox_alloc(RTRAID_RECORD_SIZE);
+    poke(made, 0, 4, objType);
+    return made;
+}
+
+// A controller node whose values derive from the EID: temperatures 40 + EID
+// and 60 + EID, PCI slot 0x80 | EID, battery state 0x34 + EID.
+void add_controller(uint8_t slot, uint8_t eid, uint8_t type, uint16_t subDevice = 0x1F38, uint8_t modularId = 0,
+                    bool withPci = true)
+{
+    add_eid(slot, eid, type);
+    rtcache_SetModularId(eid, modularId);
+    auto *node = static_cast<RtCacheCtrlNode *>(rtvox_alloc(RTCACHE_CTRL_NODE_SIZE));
+    node->pAdapter = static_cast<RtAdapter *>(record(RTRAID_OBJTYPE_ADAPTER));
+    poke(node->pAdapter, 120, 4, 40 + eid);
+    poke(node->pAdapter, 124, 4, 60 + eid);
+    poke(node->pAdapter, 128, 8, 0x1122334455667700 + eid);
+    poke(node->pAdapter, 136, 8, 0x8877665544332200 + eid);
+    poke(node->pAdapter, 144, 1, 0xA0 + eid);
+    poke(node->pAdapter, 145, 1, eid & 1);
+    if (withPci) {
+        node->pPciInfo = static_cast<RtCachePciInfo *>(rtvox_alloc(16));
+        poke(node->pPciInfo, 0, 8, 0x0000'1028'005F'1000 | uint64_t{subDevice} << 48);
+        poke(node->pPciInfo, 8, 2, 0x0100 | (2 * eid + 1));  // the low bit of the first byte is dropped
+    }
+    node->pBattery = static_cast<RtBattery *>(record(5));
+    poke(node->pBattery, 64, 8, 0x1234 + eid);
+    ASSERT_EQ(store(RTCACHE_KEY_ADAPTER, eid, eid, node), 0u);
+}
+
+// A physical-disk record: slot, protocol 6, solid state, form factor 3,
+// 15000 rpm, 931 GiB, the enclosure id and description; its entry:
+// temperature 33, status 0x10, impedance 2, enclosure type 9.
+RtCachePdNode *drive(uint8_t slot, uint16_t enclId = 0xFFFF, const wchar_t *description = nullptr)
+{
+    void *disk = record(RTRAID_OBJTYPE_PHYSICALDISK);
+    poke(disk, 76, 8, (uint64_t{931} << 30) + 12345);
+    poke(disk, 121, 1, slot);
+    poke(disk, 123, 3, 0x030206);
+    poke(disk, 126, 2, enclId);
+    poke(disk, 128, 4, 15000);
+    poke(disk, 132, 4, reinterpret_cast<uintptr_t>(description));
+    RtCachePdNode *node = disk_node(static_cast<RtPhysicalDisk *>(disk));
+    poke(node->enclObj, 100, 5, 0x09'02'21'0010);
+    return node;
+}
+
+enum class Encl { None, Backplane, BackplaneNoEntry, BackplaneNoInner, External, ExternalFlagged, ExternalNoInner };
+
+// An enclosure node whose record has bay id 0x21 and whose entry enclosure type 5.
+RtCachePdNode *enclosure(Encl kind)
+{
+    const bool backplane = kind == Encl::Backplane || kind == Encl::BackplaneNoEntry || kind == Encl::BackplaneNoInner;
+    RtCachePdNode *node =
+        pd_node(backplane ? RTCACHE_PDNODE_BACKPLANE : RTCACHE_PDNODE_EXTERNAL, kind != Encl::BackplaneNoEntry);
+    if (node->enclObj != nullptr) {
+        poke(node->enclObj, 104, 2, kind == Encl::ExternalFlagged ? 0x0105 : 0x0005);
+        if (kind != Encl::BackplaneNoInner && kind != Encl::ExternalNoInner) {
+            node->enclObj->enclType.extEncl.Obj = static_cast<RtEnclosure *>(record(RTRAID_OBJTYPE_ENCLOSURE));
+            poke(node->enclObj->enclType.extEncl.Obj, 71, 1, 0x21);
+        }
+    }
+    return node;
+}
+
+// Drive entry k as published: count, slot, protocol, media, form factor,
+// temperature, rpm, status, capacity, impedance, bay, chassis slot, enclosure type.
+Values drive_entry(size_t k)
+{
+    Values out{static_cast<int32_t>(le(kInventory, kDrives, 4))};
+    for (size_t offset : {259, 514, 769, 1024, 1279}) {
+        out.push_back(static_cast<int64_t>(le(kInventory, kDrives + offset + k, 1)));
+    }
+    out.push_back(static_cast<int64_t>(le(kInventory, kDrives + 1534 + 4 * k, 4)));
+    out.push_back(static_cast<int64_t>(le(kInventory, kDrives + 2809 + 2 * k, 2)));
+    out.push_back(static_cast<int64_t>(le(kInventory, kDrives + 3319 + 2 * k, 2)));
+    for (size_t offset : {3829, 4, 4084, 4339}) {
+        out.push_back(static_cast<int64_t>(le(kInventory, kDrives + offset + k, 1)));
+    }
+    return out;
+}
+
+// Controller entry i: slot, temperature, battery temperature, the four ids,
+// card location, address 1, kind, flag, thermal-poll byte, address 2.
+Values controller_entry(size_t i)
+{
+    Values out{static_cast<int64_t>(le(kInventory, 4 + i, 1))};
+    for (size_t offset : {20, 84, 148, 212, 276, 340}) {
+        out.push_back(static_cast<int64_t>(le(kInventory, offset + 4 * i, 4)));
+    }
+    out.push_back(static_cast<int64_t>(le(kInventory, 404 + i, 1)));
+    out.push_back(static_cast<int64_t>(le(kInventory, 420 + 8 * i, 8)));
+    for (size_t offset : {548, 564, 580}) {
+        out.push_back(static_cast<int64_t>(le(kInventory, offset + i, 1)));
+    }
+    out.push_back(static_cast<int64_t>(le(kInventory, 596 + 8 * i, 8)));
+    return out;
+}
+
+class Update : public CacheTest {
+protected:
+    // Empties the cache (everything it holds goes) and starts afresh with
+    // `disks` physical-disk slots per controller.
+    static void restart(uint32_t disks = 512)
+    {
+        rtcache_Destroy();
+        ASSERT_EQ(alloc_live(), 0);
+        max_physicaldevices = disks;
+        ASSERT_EQ(rtcache_Init(), 0u);
+        vornhost_shm_zero(VORNHOST_SHM_ALL);
+        trace_start();
+    }
+    static void update()
+    {
+        ASSERT_EQ(rtcache_GetLock(), 0u);
+        EXPECT_EQ(RTSHM_UpdateSharedMem(), 0);
+        SMMutexUnLock(mutexRtCache);
+    }
+};
+
+TEST_F(Update, ControllersOfEachKindAndTheirBatteries)
+{
+    add_controller(0, 2, TAVO);
+    add_controller(1, 3, HBA);
+    add_controller(2, 5, MIRU);
+    add_controller(3, 7, TAVO, 8006);  // excluded (and without battery temperature): nothing else of it
+    ASSERT_EQ(store(RTCACHE_KEY_PD, 7, 0, drive(1)), 0u);
+    add_controller(4, 8, TAVO, 8011);       // no battery temperature
+    add_controller(5, 9, TAVO, 0x1F38, 3);  // modular: no battery
+    add_eid(6, 10, 7);
+    add_eid(7, 11, TAVO);  // no node
+    add_controller(8, 12, TAVO, 0x1F38, 0, false);
+    for (bool pollingOff : {false, true}) {
+        SCOPED_TRACE(pollingOff);
+        vornhost_shm_bytes(kPolling)[522] = pollingOff ? 0x01 : 0x00;
+        trace_start();
+        update();
+        auto row = [&](uint8_t eid, uint64_t temp, uint64_t batteryTemp, uint16_t subDevice, uint8_t location,
+                       uint8_t kind, uint8_t thermal) {
+            return Values{0x80 | eid,
+                          static_cast<int64_t>(pollingOff && kind == 0 ? kNone : temp),
+                          static_cast<int64_t>(pollingOff && kind == 0 ? kNone : batteryTemp),
+                          0x1000,
+                          0x5F,
+                          0x1028,
+                          subDevice,
+                          location,
+                          static_cast<int64_t>(0x1122334455667700 + eid),
+                          kind,
+                          0xA0 + eid,
+                          thermal,
+                          static_cast<int64_t>(0x8877665544332200 + eid)};
+        };
+        const uint8_t other = pollingOff ? 1 : 0;  // HBA and MIRU follow the platform flag
+        EXPECT_EQ(le(kInventory, 0, 4), 6u);
+        EXPECT_EQ(controller_entry(0), row(2, 42, 62, 0x1F38, 0, 0, 0));
+        EXPECT_EQ(controller_entry(1), row(3, kNone, kNone, 0x1F38, 0, 1, other));
+        EXPECT_EQ(controller_entry(2), row(5, kNone, kNone, 0x1F38, 0, 2, other));
+        EXPECT_EQ(controller_entry(3), row(7, 47, kNone, 8006, 0, 0, 254));
+        EXPECT_EQ(controller_entry(4), row(8, 48, kNone, 8011, 0, 0, 0));
+        EXPECT_EQ(controller_entry(5), row(9, 49, 69, 0x1F38, 3, 0, 1));
+        EXPECT_EQ(le(kInventory, 4 + 6, 1), 0xFFu);  // beyond the count
+        // Batteries: slot and state of EIDs 2 and 8, then the published mark.
+        EXPECT_EQ((Values{static_cast<int64_t>(le(kInventory, kBatteries, 4)),
+                          static_cast<int64_t>(le(kInventory, kBatteries + 4, 2)),
+                          static_cast<int64_t>(le(kInventory, kBatteries + 12, 3)),
+                          static_cast<int64_t>(le(kInventory, kBatteries + 20, 4))}),
+                  (Values{2, 0x8882, 0xFF3C36, 1}));
+        EXPECT_EQ(le(kInventory, kDrives, 4), 0u);  // EID 7's drive is not published
+        EXPECT_THAT(texts(6, "RTSHM_UpdateSharedMem"),
+                    ElementsAre("ControllerStruct 724 PDStruct 4594 BatteryStruct 24", "NOT AN INTEGRATED CONTROLLER",
+                                "IS A MODULAR CONTROLLER", " contiue2 11", " contiue2 12"));
+        EXPECT_TRUE(trace_has(4, "UpdateSHM: ctrlId=10 u8Type=7") &&
+                    trace_has(4, "Not TAVO or HBA or MIRU, ignoring 7"));
+        EXPECT_TRUE(
+            trace_has(2, std::string("TermalPollingState.u8DisableDrivePolling ") + (pollingOff ? "1 " : "0 ")));
+    }
+}
+
+TEST_F(Update, DrivesDownEveryBranchOfTheEnclosureDecision)
+{
+    struct Case {
+        uint8_t type;
+        uint16_t enclId;
+        Encl encl;
+        const wchar_t *description;
+        int64_t count, media, bay, enclType;
+        int level;
+        const char *line;
+    };
+    const Case cases[] = {
+        {TAVO, 0xFFFF, Encl::None, L"Tape drive", 1, 2, 0, 9, 0, nullptr},
+        {TAVO, 0xFFFF, Encl::None, L"Direct attached", 1, 1, 0, 9, 2, "u16EnclDeviceID is not proper 65535"},
+        {TAVO, 0xFFFF, Encl::None, nullptr, 1, 1, 0, 9, 2, "u16EnclDeviceID is not proper 65535"},
+        {TAVO, 0xFFFF, Encl::None, L"Expander", 0, 1, 0, 9, 2, "Disk attached to an enclosure, so continue"},
+        {MIRU, 5, Encl::None, L"Expander", 0, 1, 0, 9, 2, "Failed to get the enclosure object"},
+        {TAVO, 5, Encl::None, L"Integrated", 1, 1, 0, 9, 2, "Failed to get the enclosure object"},
+        {TAVO, 5, Encl::Backplane, L"Expander", 1, 1, 0x21, 5, 0, nullptr},
+        {TAVO, 5, Encl::BackplaneNoEntry, nullptr, 1, 1, 0, 9, 6, " pPDCache->enclObj is NULL"},
+        {TAVO, 5, Encl::BackplaneNoInner, nullptr, 1, 1, 0, 9, 2, " pPDCache->enclObj->enclType.backPlane.Obj is NULL"},
+        {TAVO, 5, Encl::ExternalFlagged, L"SAS", 1, 1, 0x21, 1, 6, "enclosure is not of type BACKPLANE"},
+        {TAVO, 5, Encl::External, L"Direct", 1, 1, 0, 9, 6, "enclosure is not of type BACKPLANE"},
+        {TAVO, 5, Encl::External, L"SAS", 0, 1, 0, 9, 6, "Disk attached to an enclosure, so continue"},
+        {HBA, 5, Encl::Backplane, L"SAS", 1, 1, 0x21, 9, 0, nullptr},
+        {HBA, 5, Encl::ExternalFlagged, L"SAS", 1, 1, 0x21, 9, 0, nullptr},
+        {HBA, 5, Encl::External, nullptr, 1, 1, 0, 9, 6, "enclosure is not of type BACKPLANE 5"},
+        {HBA, 5, Encl::External, L"SAS", 0, 1, 0, 9, 6, "Disk attached to an enclosure, so continue"},
+        {HBA, 5, Encl::BackplaneNoEntry, L"SAS", 1, 1, 0, 9, 6, " pPDCache->enclObj is NULL"},
+        {HBA, 5, Encl::ExternalNoInner, L"SAS", 1, 1, 0, 9, 2, " pPDCache->enclObj->enclType.extEncl.Obj is NULL"},
+        {MIRU, 5, Encl::Backplane, nullptr, 1, 1, 0, 9, 0, nullptr},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(testing::Message() << int{c.type} << " " << c.enclId << " " << static_cast<int>(c.encl));
+        restart();
+        add_controller(0, 1, c.type);
+        ASSERT_EQ(store(RTCACHE_KEY_PD, 1, 0, drive(4, c.enclId, c.description)), 0u);
+        if (c.encl != Encl::None) {
+            ASSERT_EQ(store(RTCACHE_KEY_PD, 1, 5, enclosure(c.encl)), 0u);
+        }
+        update();
+        // A skipped drive's values stay in entry 0 beyond the count.
+        EXPECT_EQ(drive_entry(0), (Values{c.count, 4, 6, c.media, 3, 33, 15000, c.type == HBA ? 0x11 : 0x10, 931, 2,
+                                          c.bay, c.bay, c.enclType}));
+        if (c.line != nullptr) {
+            EXPECT_TRUE(trace_has(c.level, c.line));
+        }
+    }
+}
+
+TEST_F(Update, MultipathAndIncompleteNodesAreSkipped)
+{
+    add_controller(0, 1, TAVO);
+    RtCachePdNode *secondary = drive(10);
+    RtCachePdNode *primary = drive(11);
+    for (RtCachePdNode *path : {secondary, primary}) {
+        poke(path->enclObj, 106, 4, 0x0001'00'01);  // multipath, primary at key 1
+    }
+    RtCachePdNode *noRecord = pd_node(RTCACHE_PDNODE_PHYSICALDISK);
+    for (auto [key, node] : {std::pair{0u, secondary},
+                             {1u, primary},
+                             {2u, enclosure(Encl::Backplane)},
+                             {3u, pd_node(RTCACHE_PDNODE_PHYSICALDISK, false)},
+                             {4u, noRecord},
+                             {6u, drive(16, 0xFFFF, L"Expander")}}) {
+        ASSERT_EQ(store(RTCACHE_KEY_PD, 1, key, node), 0u);
+    }
+    update();
+    EXPECT_EQ((Values{static_cast<int64_t>(le(kInventory, kDrives, 4)), drive_entry(0)[1], drive_entry(1)[1]}),
+              (Values{1, 11, 16}));
+    EXPECT_THAT(texts(6, "RTSHM_UpdateSharedMem"),
+                ElementsAre("ControllerStruct 724 PDStruct 4594 BatteryStruct 24",
+                            " Not of type PHYSICALDISK, so continue", " pPDCache->enclObj is NULL, so continue",
+                            " pPDCache->enclObj->enclType.physicalDisk.Obj is NULL, so continue"));
+    EXPECT_TRUE(trace_has(4, " drive:0x0 is in multipath but not primary"));
+}
+
+TEST_F(Update, ControllerDriveAndIndexLimits)
+{
+    // 17 controllers: the walk stops at 16, before EID 16 is looked at.
+    for (uint8_t eid = 0; eid < 17; ++eid) {
+        add_controller(eid, eid, HBA);
+    }
+    update();
+    EXPECT_EQ(le(kInventory, 0, 4), 16u);
+    EXPECT_FALSE(trace_has(4, "ctrlId=16 "));
+
+    // EID 254 is the last one examined; 255 drives at most, over two controllers.
+    restart();
+    add_controller(0, 200, TAVO);
+    add_controller(1, 254, TAVO);
+    for (uint16_t key = 0; key < 200; ++key) {
+        ASSERT_EQ(store(RTCACHE_KEY_PD, 200, key, drive(static_cast<uint8_t>(key))), 0u);
+        ASSERT_EQ(store(RTCACHE_KEY_PD, 254, key, drive(static_cast<uint8_t>(key + 50))), 0u);
+    }
+    update();
+    EXPECT_EQ((Values{static_cast<int64_t>(le(kInventory, 0, 4)), static_cast<int64_t>(le(kInventory, kDrives, 4)),
+                      drive_entry(199)[1], drive_entry(254)[1]}),
+              (Values{2, 255, 199, 104}));
+
+    // Per controller the keys below max_physicaldevices - 1; none with a limit of 1.
+    for (uint32_t limit : {4u, 1u}) {
+        restart(limit);
+        add_controller(0, 1, TAVO);
+        for (uint32_t key = 0; key < limit; ++key) {
+            ASSERT_EQ(store(RTCACHE_KEY_PD, 1, key, drive(static_cast<uint8_t>(key))), 0u);
+        }
+        update();
+        EXPECT_EQ(le(kInventory, kDrives, 4), limit - 1);
+    }
+    restart();
+}
+
+TEST_F(Update, FailuresOfTheRegionsStopNothing)
+{
+    add_controller(0, 1, TAVO);
+    ASSERT_EQ(store(RTCACHE_KEY_PD, 1, 0, drive(4)), 0u);
+    vornhost_fail(VORNHOST_Vorn_shm_memread, 0, 1);  // the polling flag: polling stays on
+    vornhost_shm_bytes(kPolling)[522] = 0x01;
+    update();
+    EXPECT_TRUE(trace_has(2, "Unable to read Thermal flag from  Shared memeory"));
+    EXPECT_EQ((Values{static_cast<int64_t>(le(kInventory, 20, 4)), drive_entry(0)[5]}), (Values{41, 33}));
+
+    // Every write fails after the partial init: the tables stay 0xFF, the dump still runs.
+    vornhost_shm_bytes(kPolling)[522] = 0;
+    const uint32_t writes = vornhost_call_count(VORNHOST_Vorn_shm_memwrite);
+    vornhost_fail(VORNHOST_Vorn_shm_memwrite, 2, 3);
+    trace_start();
+    update();
+    EXPECT_EQ(vornhost_call_count(VORNHOST_Vorn_shm_memwrite), writes + 5);
+    EXPECT_EQ((Values{static_cast<int32_t>(le(kInventory, 0, 4)), static_cast<int32_t>(le(kInventory, kDrives, 4)),
+                      static_cast<int64_t>(le(kInventory, kBatteries, 4))}),
+              (Values{-1, -1, 1}));
+    EXPECT_TRUE(trace_has(6, "*********** dumping sharedm memory contents ***********"));
+}
+
+}  // namespace
