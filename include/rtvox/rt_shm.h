@@ -350,6 +350,66 @@ uint32_t rtshm_getNVMeBPs(void);
  * failure. */
 uint32_t processNVMeBackplaneInfo(RtShmNVMeBay *pBay, RtShmNVMeSlot *bpStatusInfo);
 
+/* ---- NVMe locate and drive status ---------------------------------------------------------
+ *
+ * Each call writes one drive-status record (write type 1) to the backplane:
+ * bay id, slot in the bay and the little-endian status word, whose bit 3 asks
+ * for locate (blink). BlinkNVMeSSD, UnBlinkNVMeSSD and
+ * updateNVMeSSDDriveStatusToBP open a short session of their own (without a
+ * hot-plug callback), write and close it; UnBlinkAllNVMeSSDS writes over
+ * bpAPIHandler. Every line they trace is at level 4.
+ *
+ * Failures (behaviour the service relies on, kept as it is)
+ *   - A session that cannot be opened answers 1 for blink and unblink, but 0
+ *     for the status update, which then writes nothing and reports nothing.
+ *   - A failed write answers 1. Blink and unblink close their session on that
+ *     path; the status update leaves its session open; bpAPIHandler is never
+ *     closed here.
+ *   - A failed close is only traced ("Failed to Close to BPAPI"); the result
+ *     stays 0.
+ *   - The status update records the status in the drive-state table at the
+ *     caller's slot, while the record it writes carries the bay and slot found
+ *     from the EID (RTSHM_readBayIDAndSlotNoFromEID). When the EID cannot be
+ *     looked up it closes its session and answers 0 without writing.
+ *
+ * Choices made here where the contract leaves room
+ *   - 0xFFFF (state unknown) is never sent: UnBlinkAllNVMeSSDS skips a state
+ *     of 0xFFFF with success, and the status update records a status of
+ *     0xFFFF in the drive-state table but writes nothing (and answers 0).
+ *     UnBlinkNVMeSSD writes the state with bit 3 cleared, never 0xFFFF.
+ *   - An open failure has no status of its own: its line carries the API's
+ *     text for the handle the open returned (0).
+ *   - The status update of an EID that is not a PCIe SSD in a backplane (an
+ *     add-in card, for which the lookup answers 0 and finds nothing) uses bay
+ *     0 and slot 0, the lookup's starting values.
+ */
+
+#define RTSHM_BP_WRITE_DRIVE_STATUS 1u   /* write type of the drive-status record */
+#define RTSHM_NVME_LOCATE_BIT 0x0008u    /* bit 3 of the status word: locate */
+#define RTSHM_NVME_STATE_UNKNOWN 0xFFFFu /* a drive state never written */
+
+/* The drive-status record (a backplane API wire record). */
+typedef struct RTVOX_PACKED RtShmDriveStatusRecord {
+    uint8_t u8bayId;
+    uint8_t u8SSDSlotNum;      /* the slot in the bay */
+    uint8_t u16DriveStatus[2]; /* little-endian */
+} RtShmDriveStatusRecord;
+RTVOX_ASSERT_SIZE(RtShmDriveStatusRecord, 4);
+RTVOX_ASSERT_OFFSET(RtShmDriveStatusRecord, u8SSDSlotNum, 1);
+RTVOX_ASSERT_OFFSET(RtShmDriveStatusRecord, u16DriveStatus, 2);
+
+/* Writes status 8 (the locate bit alone) for the slot. 0, or 1. */
+uint32_t BlinkNVMeSSD(uint8_t u8bayId, uint8_t u8Slot);
+/* Writes the drive's state with bit 3 cleared. 0, or 1. */
+uint32_t UnBlinkNVMeSSD(uint8_t u8bayId, uint8_t u8Slot, uint16_t u6NVMeDriveState);
+/* As UnBlinkNVMeSSD over bpAPIHandler; a state of 0xFFFF is skipped with 0.
+ * The EID only appears in the success line. 0, or 1 (no session, write failed). */
+uint32_t UnBlinkAllNVMeSSDS(uint32_t EID, uint8_t u8bayId, uint8_t u8Slot, uint16_t u6NVMeDriveState);
+/* Records the status for the caller's slot (rtshm_SetNVMeDriveState, with the
+ * EID's bay) and writes it for the EID's bay and slot. 0 (also when no session
+ * could be opened or the EID not looked up), or 1 when the write failed. */
+uint32_t updateNVMeSSDDriveStatusToBP(uint16_t u16DriveStatus, uint8_t u8Slot, int32_t EID);
+
 /* ==== PCIe SSD regions 20/26/15, FRU/temperature records, drive status and simulation ====
  *
  * Regions are wire formats shared with other firmware processes: byte-packed,
