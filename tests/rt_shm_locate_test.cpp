@@ -20,12 +20,9 @@ protected:
     void SetUp() override
     {
         ShmTest::SetUp();
-        const std::pair<int, uint8_t> eids[] = {{kEid, 7}, {kCardEid, 11}, {kLostEid, 7}};
-        for (uint32_t k = 0; k < 3; ++k) {
-            uint8_t eid = static_cast<uint8_t>(eids[k].first);
-            ASSERT_EQ(rtcache_SetCachedObject(RTCACHE_KEY_STORAGEEID, 0, k, &eid), 0u);
-            ASSERT_EQ(rtcache_SetStorageEIDType(eid, eids[k].second), 0u);
-        }
+        register_eid(0, kEid, 7);
+        register_eid(1, kCardEid, 11);
+        register_eid(2, kLostEid, 7);
         view()[slot_at(0, 2) + 9] = view()[slot_at(1, 6) + 9] = kEid;  // the last match wins
         ApiInfo empty;
         open(empty);

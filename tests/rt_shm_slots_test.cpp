@@ -28,12 +28,6 @@ void nvme_slot(uint32_t b, uint32_t s, int bayId, int type, int eid = 0)
     at[9] = static_cast<uint8_t>(eid);
 }
 
-void register_eid(uint32_t slot, uint8_t eid, uint8_t type)
-{
-    ASSERT_EQ(rtcache_SetCachedObject(RTCACHE_KEY_STORAGEEID, 0, slot, &eid), 0u);
-    ASSERT_EQ(rtcache_SetStorageEIDType(eid, type), 0u);
-}
-
 using ShmSlots = ShmTest;
 
 TEST_F(ShmSlots, GlobalSlotsReadTheirRegion20EntryByOffset)
