@@ -27,13 +27,13 @@ protected:
         ApiInfo empty;
         open(empty);
     }
-    // The journaled writes as {write type, record bytes...}, and whether each
-    // went over bpAPIHandler (1) or a session of its own (0).
-    static std::vector<Ints> writes()
+    // The writes journaled from index `from` as {write type, record bytes,
+    // over bpAPIHandler (1) or a session of its own (0)}.
+    static std::vector<Ints> writes(uint32_t from = 0)
     {
         std::vector<Ints> out;
         VornHostBpWrite w{};
-        for (uint32_t i = 0; vornhost_bp_write_get(i, &w) == 0; ++i) {
+        for (uint32_t i = from; vornhost_bp_write_get(i, &w) == 0; ++i) {
             out.push_back({static_cast<int>(w.writeType), w.bytes[0], w.bytes[1], w.bytes[2], w.bytes[3],
                            w.handle == bpAPIHandler});
         }
@@ -41,55 +41,39 @@ protected:
     }
 };
 
-TEST_F(ShmLocate, WritesOneDriveStatusRecordPerCall)
+TEST_F(ShmLocate, WritesOneDriveStatusRecordPerCallAndNeverAnUnknownState)
 {
     const struct {
         std::function<uint32_t()> call;
-        Ints written;  // type, bay, slot, status low, status high, over bpAPIHandler
-    } cases[] = {
-        {[] { return BlinkNVMeSSD(1, 4); }, {1, 1, 4, 0x08, 0, 0}},
-        {[] { return UnBlinkNVMeSSD(0, 2, 0x000D); }, {1, 0, 2, 0x05, 0, 0}},
-        {[] { return UnBlinkNVMeSSD(2, 31, 0xFFFF); }, {1, 2, 31, 0xF7, 0xFF, 0}},
-        {[] { return UnBlinkAllNVMeSSDS(kEid, 1, 3, 0x120C); }, {1, 1, 3, 0x04, 0x12, 1}},
-        {[] { return updateNVMeSSDDriveStatusToBP(0x0105, 9, kEid); }, {1, 1, 6, 0x05, 0x01, 0}},
-    };
-    std::vector<Ints> expected;
-    for (const auto &c : cases) {
-        EXPECT_EQ(c.call(), 0u);
-        EXPECT_EQ(vornhost_bp_session_count(), 1u);  // short sessions are closed again
-        expected.push_back(c.written);
-    }
-    EXPECT_EQ(writes(), expected);
-    // The drive-state table takes the caller's slot, the record the EID's.
-    EXPECT_EQ((Ints{states(1, 9)[0], slot_bytes(1, 9)[3], states(1, 6)[0]}), (Ints{0x0105, 0x0105, 0}));
-    EXPECT_TRUE(trace_has(4, "Updating NVMe SSD Status:u16DriveStatus:261 u8SSDSlotNum:6 u8bayId:1") &&
-                trace_has(4, "<-- Unblink Sucess for EID:20") && trace_has(4, "<-- Exit BlinkNVMeSSD") &&
-                trace_has(4, "UnBlink NVMe SSD:u8Slot:2 u8bayId:0 u6NVMeDriveState:13"));
-}
-
-TEST_F(ShmLocate, NeverWritesAnUnknownStateAndLooksTheEidUp)
-{
-    const struct {
-        std::function<uint32_t()> call;
-        uint32_t result;
+        Ints written;      // type, bay, slot, status low and high, over bpAPIHandler; {} nothing written
         const char *line;  // at level 4
     } cases[] = {
-        {[] { return UnBlinkAllNVMeSSDS(kEid, 1, 3, 0xFFFF); }, 0, "<-- Unblink Sucess for EID:20"},
-        {[] { return updateNVMeSSDDriveStatusToBP(0xFFFF, 9, kEid); }, 0, "update Done!! u16DriveStatus:65535"},
-        {[] { return updateNVMeSSDDriveStatusToBP(5, 9, kUnknownEid); }, 0,
+        {[] { return BlinkNVMeSSD(1, 4); }, {1, 1, 4, 0x08, 0, 0}, "<-- Exit BlinkNVMeSSD"},
+        {[] { return UnBlinkNVMeSSD(0, 2, 0x000D); }, {1, 0, 2, 0x05, 0, 0}, "u8bayId:0 u6NVMeDriveState:13"},
+        {[] { return UnBlinkNVMeSSD(2, 31, 0xFFFF); }, {1, 2, 31, 0xF7, 0xFF, 0}, "<-- Exit UnBlinkNVMeSSD"},
+        {[] { return UnBlinkAllNVMeSSDS(kEid, 1, 3, 0x120C); }, {1, 1, 3, 0x04, 0x12, 1}, "Sucess for EID:20"},
+        {[] { return UnBlinkAllNVMeSSDS(kEid, 1, 3, 0xFFFF); }, {}, "u6NVMeDriveState:65535"},
+        // The table takes the caller's slot (9), the record the EID's (bay 1 slot 6).
+        {[] { return updateNVMeSSDDriveStatusToBP(0x0105, 9, kEid); },
+         {1, 1, 6, 0x05, 0x01, 0},
+         "Updating NVMe SSD Status:u16DriveStatus:261 u8SSDSlotNum:6 u8bayId:1"},
+        {[] { return updateNVMeSSDDriveStatusToBP(0xFFFF, 8, kEid); }, {}, "update Done!! u16DriveStatus:65535"},
+        {[] { return updateNVMeSSDDriveStatusToBP(7, 9, kCardEid); }, {1, 0, 0, 7, 0, 0}, "Add-in card"},
+        {[] { return updateNVMeSSDDriveStatusToBP(5, 9, kUnknownEid); },
+         {},
          "Failed to Get the BayID for the slot: Slot:9 u8Ret:1"},
-        {[] { return updateNVMeSSDDriveStatusToBP(5, 9, kLostEid); }, 0,
-         "Failed to Get the BayID for the slot: Slot:9 u8Ret:3"},
+        {[] { return updateNVMeSSDDriveStatusToBP(5, 9, kLostEid); }, {}, "the slot: Slot:9 u8Ret:3"},
     };
     for (const auto &c : cases) {
-        EXPECT_EQ(c.call(), c.result) << c.line;
-        EXPECT_TRUE(trace_has(4, c.line)) << c.line;
+        SCOPED_TRACE(c.line);
+        const uint32_t from = vornhost_bp_write_count();
+        EXPECT_EQ(c.call(), 0u);
+        EXPECT_EQ(writes(from), c.written.empty() ? std::vector<Ints>{} : std::vector<Ints>{c.written});
+        EXPECT_EQ(vornhost_bp_session_count(), 1u);  // short sessions are closed again
+        EXPECT_TRUE(trace_has(4, c.line));
     }
-    EXPECT_EQ((Codes{vornhost_bp_write_count(), vornhost_bp_session_count(), states(1, 9)[0]}), (Codes{0, 1, 0xFFFF}));
-    // An add-in card has no bay and slot: the record goes out for bay 0 slot 0.
-    EXPECT_EQ(updateNVMeSSDDriveStatusToBP(7, 9, kCardEid), 0u);
-    EXPECT_EQ(writes(), (std::vector<Ints>{{1, 0, 0, 7, 0, 0}}));
-    EXPECT_EQ(states(0, 9)[0], 7);
+    EXPECT_EQ((Ints{states(1, 9)[0], slot_bytes(1, 9)[3], states(1, 6)[0], states(1, 8)[0], states(0, 9)[0]}),
+              (Ints{0x0105, 0x0105, 0, 0xFFFF, 7}));
 
     VornBpApiCloseExec(bpAPIHandler, "test", "locate", 0);
     bpAPIHandler = 0;
