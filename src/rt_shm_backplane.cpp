@@ -54,12 +54,6 @@ namespace {
 constexpr const char *kPrint = "VornBpPrintApiInfo";
 constexpr const char *kUpdate = "rtshm_BpDataUpdate";
 
-// Only the low byte of a backplane status is meaningful; 0 is success.
-bool bp_failed(uint32_t status)
-{
-    return (status & 0xFFu) != 0;
-}
-
 struct FreeBlock {
     void operator()(void *block) const { rtvox_free(block); }
 };

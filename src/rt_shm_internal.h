@@ -72,6 +72,12 @@ inline uint32_t le32(const uint8_t (&bytes)[4])
            (static_cast<uint32_t>(bytes[2]) << 16) | (static_cast<uint32_t>(bytes[3]) << 24);
 }
 
+// Only the low byte of a backplane status is meaningful; 0 is success.
+inline bool bp_failed(uint32_t status)
+{
+    return (status & 0xFFu) != 0;
+}
+
 inline bool is_nvme(uint8_t tech)
 {
     return tech == RTSHM_TECH_NVME || tech == RTSHM_TECH_NVME_ALT;

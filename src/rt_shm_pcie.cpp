@@ -18,11 +18,12 @@ uint32_t region_offset(uint32_t base, uint32_t stride, int64_t index)
     return static_cast<uint32_t>(offset < 0 || offset > kRefused ? kRefused : offset);
 }
 
-bool shm_read(const char *function, uint32_t region, void *buffer, uint32_t offset, uint32_t length)
+bool shm_read(const char *function, uint32_t region, void *buffer, uint32_t offset, uint32_t length,
+              const char *message)
 {
     const int32_t rc = Vorn_shm_memread(region, buffer, offset, length);
     if (rc != 0) {
-        RT_TRACE_AS(function, 2, "%s retVal=%d %d", "error, SHM Read", rc, static_cast<int>(offset));
+        RT_TRACE_AS(function, 2, "%s retVal=%d %d", message, rc, static_cast<int>(offset));
     }
     return rc == 0;
 }
@@ -34,6 +35,20 @@ bool shm_write(const char *function, uint32_t region, const void *buffer, uint32
         RT_TRACE_AS(function, 2, "%s retVal=%d %d", "error, SHM Write", rc, static_cast<int>(offset));
     }
     return rc == 0;
+}
+
+void BlockFree::operator()(void *block) const
+{
+    rtvox_free(block);
+}
+
+FruImage new_fru_image(const char *function)
+{
+    FruImage image(static_cast<RtShmPcieSsdFru *>(rtvox_alloc(sizeof(RtShmPcieSsdFru))));
+    if (!image) {
+        RT_TRACE_AS(function, 2, "Failed to allocate memory");
+    }
+    return image;
 }
 
 }  // namespace rtvox::detail

@@ -2,6 +2,9 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
+
+#include "rtvox/rt_shm.h"
 
 namespace rtvox::detail {
 
@@ -13,8 +16,20 @@ uint32_t region_offset(uint32_t base, uint32_t stride, int64_t index);
 
 // Vorn_shm_memread / Vorn_shm_memwrite on behalf of the exported `function`:
 // false after a level-2 line "<message> retVal=<platform status> <offset>"
-// ("error, SHM Read" / "error, SHM Write") when the platform refuses.
-bool shm_read(const char *function, uint32_t region, void *buffer, uint32_t offset, uint32_t length);
+// ("error, SHM Read" / "error, SHM Write") when the platform refuses. A few
+// readers have always written their message in lower case ("error, SHM
+// read"); they pass it.
+bool shm_read(const char *function, uint32_t region, void *buffer, uint32_t offset, uint32_t length,
+              const char *message = "error, SHM Read");
 bool shm_write(const char *function, uint32_t region, const void *buffer, uint32_t offset, uint32_t length);
+
+struct BlockFree {
+    void operator()(void *block) const;
+};
+using FruImage = std::unique_ptr<RtShmPcieSsdFru, BlockFree>;
+
+// A zero-filled image of region 26 (rtvox_alloc), or null after the level-2
+// line "Failed to allocate memory" in the name of `function`.
+FruImage new_fru_image(const char *function);
 
 }  // namespace rtvox::detail

@@ -70,10 +70,6 @@ struct FileCloser {
 };
 using File = std::unique_ptr<FILE, FileCloser>;
 
-struct BlockFree {
-    void operator()(void *block) const { rtvox_free(block); }
-};
-
 // Opens a simulation input for `function`, only as a regular file: /tmp is
 // world-writable and the service runs as root, so a link planted there must
 // not redirect the read.
@@ -219,10 +215,8 @@ int32_t ReadFRUFile(uint8_t *buffer)
 
 void RTSHM_PCIeSSDSimulate(void)
 {
-    const std::unique_ptr<RtShmPcieSsdFru, BlockFree> image(
-        static_cast<RtShmPcieSsdFru *>(rtvox_alloc(sizeof(RtShmPcieSsdFru))));
+    const rtvox::detail::FruImage image = rtvox::detail::new_fru_image(__func__);
     if (!image) {
-        RT_TRACE(2, "Failed to allocate memory");
         return;
     }
     RtShmPcieSsdBp bp{};

@@ -104,6 +104,13 @@ inline std::vector<std::string> lines_of(const std::string &function)
     return out;
 }
 
+// Registers EID in registry slot `slot` with storage-element type `type`.
+inline void register_eid(uint32_t slot, uint8_t eid, uint8_t type)
+{
+    ASSERT_EQ(rtcache_SetCachedObject(RTCACHE_KEY_STORAGEEID, 0, slot, &eid), 0u);
+    ASSERT_EQ(rtcache_SetStorageEIDType(eid, type), 0u);
+}
+
 // A cache on a private root and the library's NVMe state reset; open() puts a
 // record on the simulated backplane and opens the session over it.
 class ShmTest : public ::testing::Test {

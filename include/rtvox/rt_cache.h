@@ -783,6 +783,30 @@ uint32_t rtcache_ConvertCacheToEvent(uint32_t EID, uint32_t eventType, RtCacheEv
  * when it cannot be opened, else the result of closing it. */
 int32_t rtcache_PrintCache(void);
 
+/* ---- PCIe SSD FQDD ------------------------------------------------------------
+ *
+ * "Disk.Bay.%d:Enclosure.Internal.0-%d:PCIeExtender.Slot.%d" for a global slot
+ * (taken modulo 256): the slot within the bay from region 20
+ * (RTSHM_readSSDSlotNumFromGblSlotNum), the bay id from the NVMe view with the
+ * global slot as slot index (RTSHM_readBayIDInfoFromGblSlotNum, last NVMe bay
+ * wins), and the PCIe slot of the extender from the FRU directory in region
+ * 15: the first entry of kind 3 whose record's byte 1 is that bay id, 255 when
+ * none is. The directory is read 132 bytes at a time into a zero-filled
+ * 65668-byte buffer (a size kept as it has always been); entries past the 16
+ * read see zeros there.
+ *
+ * Choice made here where the contract leaves room: the directory walk keeps
+ * an 8-bit entry counter, so a directory that announces more than 256 entries
+ * would wrap it for ever; the walk stops after entry 255 with a level-2 line
+ * "entry count %d passes the 256 entries the walk reaches" instead.
+ *
+ * A new 60-byte text (rtvox_alloc; the caller frees it with rtvox_free), or
+ * NULL: slot not read ("Failed while getting slot"), no bay id ("Failed while
+ * getting bayID"), an allocation failed ("Failed to allocate memory", "Failed
+ * while constructing FQDD") or a region-15 read failed ("error, SHM read"),
+ * all at level 2. Takes no lock. */
+char *rtvox_GetPCIeSSDFQDD(uint32_t u32GlobalSlotNumber);
+
 /* ---- polling sleep --------------------------------------------------------- */
 
 /* Sleeps `seconds` up to `count` times, stopping early once `predicate`

@@ -350,6 +350,66 @@ uint32_t rtshm_getNVMeBPs(void);
  * failure. */
 uint32_t processNVMeBackplaneInfo(RtShmNVMeBay *pBay, RtShmNVMeSlot *bpStatusInfo);
 
+/* ---- NVMe locate and drive status ---------------------------------------------------------
+ *
+ * Each call writes one drive-status record (write type 1) to the backplane:
+ * bay id, slot in the bay and the little-endian status word, whose bit 3 asks
+ * for locate (blink). BlinkNVMeSSD, UnBlinkNVMeSSD and
+ * updateNVMeSSDDriveStatusToBP open a short session of their own (without a
+ * hot-plug callback), write and close it; UnBlinkAllNVMeSSDS writes over
+ * bpAPIHandler. Every line they trace is at level 4.
+ *
+ * Failures (behaviour the service relies on, kept as it is)
+ *   - A session that cannot be opened answers 1 for blink and unblink, but 0
+ *     for the status update, which then writes nothing and reports nothing.
+ *   - A failed write answers 1. Blink and unblink close their session on that
+ *     path; the status update leaves its session open; bpAPIHandler is never
+ *     closed here.
+ *   - A failed close is only traced ("Failed to Close to BPAPI"); the result
+ *     stays 0.
+ *   - The status update records the status in the drive-state table at the
+ *     caller's slot, while the record it writes carries the bay and slot found
+ *     from the EID (RTSHM_readBayIDAndSlotNoFromEID). When the EID cannot be
+ *     looked up it closes its session and answers 0 without writing.
+ *
+ * Choices made here where the contract leaves room
+ *   - 0xFFFF (state unknown) is never sent: UnBlinkAllNVMeSSDS skips a state
+ *     of 0xFFFF with success, and the status update records a status of
+ *     0xFFFF in the drive-state table but writes nothing (and answers 0).
+ *     UnBlinkNVMeSSD writes the state with bit 3 cleared, never 0xFFFF.
+ *   - An open failure has no status of its own: its line carries the API's
+ *     text for the handle the open returned (0).
+ *   - The status update of an EID that is not a PCIe SSD in a backplane (an
+ *     add-in card, for which the lookup answers 0 and finds nothing) uses bay
+ *     0 and slot 0, the lookup's starting values.
+ */
+
+#define RTSHM_BP_WRITE_DRIVE_STATUS 1u   /* write type of the drive-status record */
+#define RTSHM_NVME_LOCATE_BIT 0x0008u    /* bit 3 of the status word: locate */
+#define RTSHM_NVME_STATE_UNKNOWN 0xFFFFu /* a drive state never written */
+
+/* The drive-status record (a backplane API wire record). */
+typedef struct RTVOX_PACKED RtShmDriveStatusRecord {
+    uint8_t u8bayId;
+    uint8_t u8SSDSlotNum;      /* the slot in the bay */
+    uint8_t u16DriveStatus[2]; /* little-endian */
+} RtShmDriveStatusRecord;
+RTVOX_ASSERT_SIZE(RtShmDriveStatusRecord, 4);
+RTVOX_ASSERT_OFFSET(RtShmDriveStatusRecord, u8SSDSlotNum, 1);
+RTVOX_ASSERT_OFFSET(RtShmDriveStatusRecord, u16DriveStatus, 2);
+
+/* Writes status 8 (the locate bit alone) for the slot. 0, or 1. */
+uint32_t BlinkNVMeSSD(uint8_t u8bayId, uint8_t u8Slot);
+/* Writes the drive's state with bit 3 cleared. 0, or 1. */
+uint32_t UnBlinkNVMeSSD(uint8_t u8bayId, uint8_t u8Slot, uint16_t u6NVMeDriveState);
+/* As UnBlinkNVMeSSD over bpAPIHandler; a state of 0xFFFF is skipped with 0.
+ * The EID only appears in the success line. 0, or 1 (no session, write failed). */
+uint32_t UnBlinkAllNVMeSSDS(uint32_t EID, uint8_t u8bayId, uint8_t u8Slot, uint16_t u6NVMeDriveState);
+/* Records the status for the caller's slot (rtshm_SetNVMeDriveState, with the
+ * EID's bay) and writes it for the EID's bay and slot. 0 (also when no session
+ * could be opened or the EID not looked up), or 1 when the write failed. */
+uint32_t updateNVMeSSDDriveStatusToBP(uint16_t u16DriveStatus, uint8_t u8Slot, int32_t EID);
+
 /* ==== PCIe SSD regions 20/26/15, FRU/temperature records, drive status and simulation ====
  *
  * Regions are wire formats shared with other firmware processes: byte-packed,
@@ -548,6 +608,79 @@ int32_t ReadFRUFile(uint8_t *buffer);
  * 0x80. Region failures are ignored. Its closing report lists at most the 32
  * slot entries that exist; a larger slot count gets one level-2 line. */
 void RTSHM_PCIeSSDSimulate(void);
+
+/* ---- PCIe SSD slot mapping (regions 20 and 15, the NVMe view) ---------------
+ *
+ * Global slot numbers map to a bay id and a slot within the bay through the
+ * slot table of region 20, or through the NVMe view (sNVMeSSDBPInfo) with
+ * the global slot taken as the slot index of every bay. Results: 0 success,
+ * 2 a required pointer is NULL (or an index is refused, below), 3 a region
+ * read failed or nothing was found, 5 as stated. A failure leaves the
+ * caller's outputs as they were (RTSHM_readBackplaneSharedMem has already
+ * zeroed its buffer).
+ *
+ * Behaviour other firmware relies on, kept as it is
+ *   - The scans of the NVMe view look at every bay (and slot): the last match
+ *     wins.
+ *   - RTSHM_readSSDSlotNumFromGblSlotNum and
+ *     RTSHM_readPCIeSSDBayIDInfoFromGblSlotNum answer 0 for a NULL output,
+ *     reading nothing.
+ *   - RTSHM_ReadBpFwVersion copies exactly four bytes and adds no
+ *     terminator; its "Fw Version" line prints the minor number twice.
+ *   - RTSHM_InitPCIeSSDSharedMem submits the single message 1065 after its
+ *     write, whether or not the write succeeded.
+ *
+ * Choices made here where the contract leaves room
+ *   - The presence sequence RTSHM_ReadPCIeSSDPresenceSharedMem remembers is
+ *     its own process-wide byte (initially 0, so a first read of sequence 0
+ *     reports no change). RTSHM_PCIeSSDSimulate keeps a separate one: if they
+ *     shared it, whichever ran first would hide a presence change from the
+ *     other (the simulation would not refill the regions, or the service's
+ *     poll would report no change).
+ *   - RTSHM_ReadBpFwVersion's bay index and RTSHM_readBayIDInfoFromGblSlotNum's
+ *     slot index are refused past the NVMe view's tables (bay index 3 or
+ *     more, slot index 32 or more) with the level-2 line "<-- error %s %d is
+ *     out of range" and result 2. RTSHM_readBayIDInfoFromGblSlotNum and
+ *     RTSHM_readBayIDAndSlotNoFromEID answer 2 for a NULL output ("<-- err
+ *     null inputs").
+ *   - RTSHM_readSSDSlotNumFromGblSlotNum takes the global slot as a signed
+ *     16-bit value; RTSHM_readPCIeSSDBayIDInfoFromGblSlotNum takes all 32
+ *     bits. Offsets outside region 20 are refused by the platform.
+ *   - RTSHM_InitPCIeSSDSharedMem answers 0, or 3 when its buffer cannot be
+ *     allocated (nothing written or submitted) or the region write failed.
+ *   - The add-in-card line of RTSHM_readBayIDAndSlotNoFromEID names the
+ *     function, and its exit line shows the caller's outputs as they stand.
+ */
+
+#define RTSHM_PCIESSD_SPLIT_MODE_SIZE 40u /* the SPLIT-mode area of region 20 */
+#define RTSHM_PCIESSD_FW_REV_SIZE 4u      /* bytes RTSHM_ReadBpFwVersion copies */
+
+/* Zeroes the caller's 40 bytes, then reads the SPLIT-mode area into them. 0, 2, 3. */
+uint32_t RTSHM_readBackplaneSharedMem(uint8_t *pSplitMode);
+/* Fills region 26 with 0xFF, then submits rt_SubMitSingle(1065). 0, or 3. */
+uint32_t RTSHM_InitPCIeSSDSharedMem(void);
+/* The slot within its bay of the first NVMe slot (bay type 1 or 4) of the
+ * NVMe view, bays 0 to 2 in order. 0; 5 when there is none; 2 for NULL. */
+uint32_t RTSHM_GetPCIeSSDGlobalSlotNumberBase(uint8_t *pu8BaseSlotNumber);
+/* Reads region 20 whole (325 bytes) into the caller's buffer. 0 when the
+ * presence sequence (byte 6) differs from the one last seen (it is then
+ * remembered), 5 when it does not; 2 for NULL; 3 when the read failed
+ * ("error, SHM read"). */
+uint32_t RTSHM_ReadPCIeSSDPresenceSharedMem(RtShmPcieSsdBp *pPresence);
+/* "%x.%02x" of the bay's firmware major and minor, cut to four characters,
+ * into the caller's four bytes. 0; 2 NULL or bay index refused. */
+uint32_t RTSHM_ReadBpFwVersion(uint32_t u32BayIndex, char *bpFwRev);
+/* The slot within its bay of a global slot (region 20). 0 (also for NULL), 3. */
+uint32_t RTSHM_readSSDSlotNumFromGblSlotNum(uint8_t *pu8SlotNumInBay, int32_t s32GlobalSlot);
+/* The bay id of a global slot (region 20). 0 (also for NULL), 3. */
+uint32_t RTSHM_readPCIeSSDBayIDInfoFromGblSlotNum(uint8_t *pu8BayId, uint32_t u32GlobalSlot);
+/* The bay id of slot `u32Slot` of the last NVMe bay (type 1 or 4) of the
+ * NVMe view. 0; 3 none ("error!!, Not a NVMe Backplane" per bay); 2. */
+uint32_t RTSHM_readBayIDInfoFromGblSlotNum(uint8_t *pu8BayId, uint32_t u32Slot);
+/* The bay and slot whose EID in the NVMe view is EID (the last match), for
+ * an EID of storage-element type 7. 0 (also for any other type, outputs
+ * untouched); 1 EID not registered; 3 no slot holds it; 2 for NULL. */
+uint32_t RTSHM_readBayIDAndSlotNoFromEID(uint8_t *pu8BayId, uint8_t *pu8SSDSlotNo, int32_t EID);
 
 /* ============================================================================
  * Shared-memory inventory: regions 3 and 55

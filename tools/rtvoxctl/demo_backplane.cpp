@@ -3,7 +3,9 @@
 // API session, traces the API info record and condenses it into the NVMe
 // table; the extenders and backplanes are inventoried into the cache and
 // listed; a drive is plugged in and pulled out through the host's hot-plug
-// injection, which calls the library back on its own thread.
+// injection, which calls the library back on its own thread; the drive is
+// located and its status pushed to the backplane, each a 4-byte record the
+// backplane receives.
 #include <cstdint>
 #include <cwchar>
 
@@ -122,6 +124,43 @@ void hotplug(Demo &demo, bool plugged, const char *what)
     demo.traces();
 }
 
+// The records the backplane received since journal entry `from`.
+void show_writes(Demo &demo, uint32_t from, const char *what, uint32_t result)
+{
+    demo.say("%s answered %u", what, result);
+    VornHostBpWrite write{};
+    for (uint32_t i = from; vornhost_bp_write_get(i, &write) == 0; ++i) {
+        demo.say("  backplane received write type %u over %s: %02x %02x %02x %02x", write.writeType,
+                 write.handle == bpAPIHandler ? "the long-lived session" : "a session of its own", write.bytes[0],
+                 write.bytes[1], write.bytes[2], write.bytes[3]);
+    }
+    demo.traces();
+}
+
+void locate(Demo &demo)
+{
+    constexpr uint8_t kEid = 30;  // the NVMe drive in bay 1 slot 0, a PCIe SSD in a backplane (type 7)
+    uint16_t state = 0;
+    rtshm_getNVMeDriveState(&state, 1, 0);
+    vornhost_trace_clear();
+    uint32_t from = vornhost_bp_write_count();
+    show_writes(demo, from, "BlinkNVMeSSD(1, 0)", BlinkNVMeSSD(1, 0));
+    from = vornhost_bp_write_count();
+    show_writes(demo, from, "UnBlinkNVMeSSD(1, 0, state 0x0005)", UnBlinkNVMeSSD(1, 0, state));
+    from = vornhost_bp_write_count();
+    show_writes(demo, from, "UnBlinkAllNVMeSSDS with state 0xFFFF (unknown: nothing written)",
+                UnBlinkAllNVMeSSDS(kEid, 1, 0, RTSHM_NVME_STATE_UNKNOWN));
+
+    uint8_t eid = kEid;
+    rtcache_SetCachedObject(RTCACHE_KEY_STORAGEEID, 0, 0, &eid);
+    rtcache_SetStorageEIDType(kEid, RTSHM_PCIESSD_TYPE_BAY);
+    rtshm_UpdateNVMeSSDSlotToEID(1, 0, kEid);
+    vornhost_trace_clear();
+    from = vornhost_bp_write_count();
+    show_writes(demo, from, "updateNVMeSSDDriveStatusToBP(0x0021, slot 0, EID 30)",
+                updateNVMeSSDDriveStatusToBP(0x0021, 0, kEid));
+}
+
 }  // namespace
 
 void demo_backplane(Demo &demo)
@@ -154,6 +193,9 @@ void demo_backplane(Demo &demo)
     demo.section("Backplane: a drive is plugged into bay 1 slot 1 and pulled out again");
     hotplug(demo, true, "plugged in");
     hotplug(demo, false, "pulled out");
+
+    demo.section("Backplane: the NVMe drive in bay 1 slot 0 is located, unlocated and given a new status");
+    locate(demo);
 
     // The library keeps its session for the life of the service; the demo
     // closes it before the cache goes.

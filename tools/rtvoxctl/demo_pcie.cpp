@@ -1,11 +1,15 @@
-// Demo step for PCIe SSDs: the simulation fills regions 20 and 26 from the
-// two files it reads, a drive status word is updated, FRU and temperature
-// records are stored, and a PCIe SSD is located over IPMI.
+// Demo step for PCIe SSDs: region 26 is reset and announced to the event
+// log, the simulation fills regions 20 and 26 from the two files it reads,
+// global slots are mapped to bays and given their FQDDs, the presence
+// sequence and the backplane firmware versions are read, a drive status word
+// is updated, FRU and temperature records are stored, and a PCIe SSD is
+// located over IPMI.
 #include <cstdint>
 #include <cstdio>
 #include <string>
 
 #include "demo.h"
+#include "rtvox/rt_cache.h"
 #include "rtvox/rt_shm.h"
 #include "rtvox/rtvox.h"
 #include "vornhost/vornhost.h"
@@ -73,10 +77,70 @@ void show_ipmi(Demo &demo, uint32_t index, uint32_t result)
     }
 }
 
+// The FRU directory of region 15 as the extender inventory would leave it:
+// one PCIe SSD bay record, of bay 0 (the bay behind the extender in PCIe
+// slot 3 in the backplane step), its 4-byte record at offset 64.
+void plant_directory()
+{
+    uint8_t *dir = vornhost_shm_bytes(RTSHM_PCIESSD_FRUDIR_REGION);
+    dir[2] = 1;                               // entry count
+    dir[4] = 3;                               // entry 0: PCIe slot of the extender
+    dir[5] = RTSHM_PCIESSD_FRUDIR_BAY_ENTRY;  // entry 0: a bay record
+    dir[8] = 64;                              // entry 0: its record's offset
+    dir[64 + 1] = 0;                          // the record's bay id
+}
+
+void slot_mapping(Demo &demo)
+{
+    demo.section("PCIe SSDs: global slots mapped to bays (region 20, the NVMe view) and their FQDDs");
+    plant_directory();
+    demo.say("the NVMe view of the backplane step: slots 0 and 1 of bay 0 and slot 0 of bay 1 are NVMe slots;");
+    demo.say("region 15 lists one bay record: bay 0 behind the extender in PCIe slot 3");
+    for (uint32_t g = 0; g < 3; ++g) {
+        uint8_t bay = 0, slot = 0, viewBay = 0xFF;
+        RTSHM_readPCIeSSDBayIDInfoFromGblSlotNum(&bay, g);
+        RTSHM_readSSDSlotNumFromGblSlotNum(&slot, static_cast<int32_t>(g));
+        const uint32_t found = RTSHM_readBayIDInfoFromGblSlotNum(&viewBay, g);
+        vornhost_trace_clear();
+        char *fqdd = rtvox_GetPCIeSSDFQDD(g);
+        demo.say("global slot %u: region 20 says bay %u slot %u; the NVMe view's last NVMe bay for slot %u: %s", g, bay,
+                 slot, g, found == 0 ? std::to_string(viewBay).c_str() : "none");
+        demo.say("  FQDD %s", fqdd != nullptr ? fqdd : "(none)");
+        rtvox_free(fqdd);
+        demo.traces();
+    }
+    uint8_t base = 0;
+    const uint32_t rc = RTSHM_GetPCIeSSDGlobalSlotNumberBase(&base);
+    vornhost_trace_clear();
+    demo.say("RTSHM_GetPCIeSSDGlobalSlotNumberBase answered %u: the first NVMe slot is slot %u of its bay", rc, base);
+
+    demo.section("PCIe SSDs: the presence sequence and the backplane firmware versions");
+    RtShmPcieSsdBp bp{};
+    const uint32_t first = RTSHM_ReadPCIeSSDPresenceSharedMem(&bp);
+    const uint32_t second = RTSHM_ReadPCIeSSDPresenceSharedMem(&bp);
+    vornhost_shm_bytes(RTSHM_PCIESSD_BP_REGION)[6] = 2;
+    const uint32_t third = RTSHM_ReadPCIeSSDPresenceSharedMem(&bp);
+    demo.say("presence reads at sequence 1, 1 again, then 2 answer %u, %u, %u (5 = no change)", first, second, third);
+    for (uint32_t b = 0; b < 4; ++b) {
+        char version[RTSHM_PCIESSD_FW_REV_SIZE + 1] = {};
+        const uint32_t result = RTSHM_ReadBpFwVersion(b, version);
+        demo.say("RTSHM_ReadBpFwVersion(%u) answered %u: \"%s\"", b, result, version);
+    }
+    demo.traces();
+}
+
 }  // namespace
 
 void demo_pcie(Demo &demo)
 {
+    demo.section("PCIe SSDs: region 26 is reset and the event log told so (single message 1065)");
+    uint32_t rc = RTSHM_InitPCIeSSDSharedMem();
+    VornHostSingle single{};
+    vornhost_single_get(vornhost_single_count() - 1, &single);
+    demo.say("RTSHM_InitPCIeSSDSharedMem answered %u; region 26 begins %s; single record sent: %s", rc,
+             region(RTSHM_PCIESSD_FRU_REGION, 0, 8).c_str(), hex(single.bytes, single.length).c_str());
+    demo.traces();
+
     demo.section("PCIe SSDs: the simulation fills regions 20 and 26 from /tmp/ssdstatus.txt and /tmp/ssdfru.bin");
     announce_slots(1);
     demo.touch("/tmp/ssdstatus.txt", "8\n");
@@ -95,6 +159,8 @@ void demo_pcie(Demo &demo)
     RTSHM_PCIeSSDSimulate();
     vornhost_trace_clear();
     demo.say("a second run with unchanged inputs makes %u region writes", writes() - before);
+
+    slot_mapping(demo);
 
     demo.section("PCIe SSDs: one drive status word is updated and read back");
     updatePciessdDriveStatusToShm(0x0021, 1);
@@ -119,7 +185,7 @@ void demo_pcie(Demo &demo)
     show_fru_records(demo, {4, 524, 8584});
 
     demo.section("PCIe SSDs: locate over IPMI");
-    uint32_t rc = BlinkPCIeSSD(kBay, 2);
+    rc = BlinkPCIeSSD(kBay, 2);
     demo.traces();
     show_ipmi(demo, 0, rc);
     rc = UnBlinkPCIeSSD(kBay, 2, 0x0021);
