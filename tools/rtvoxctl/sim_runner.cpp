@@ -235,6 +235,7 @@ const std::map<std::string, Simulation::Handler> &Simulation::handlers()
         {"disk_changed", &Simulation::disk_changed},
         {"event", &Simulation::event},
         {"fetch", &Simulation::fetch},
+        {"submit", &Simulation::submit},
         {"phase", &Simulation::phase},
         {"command_begin", &Simulation::command_begin},
         {"command_end", &Simulation::command_end},
@@ -286,11 +287,8 @@ StepReport Simulation::stop()
     for (const Controller &controller : scenario_.controllers) {
         take_events(controller.eid, report, false);
     }
-    for (RtCacheEventRecord *record : fetched_) {
-        release_event_record(record);
-    }
     report.line("released %zu event records the service still held", fetched_.size());
-    fetched_.clear();
+    release_fetched();
     rtcache_Destroy();
     report.line("rtcache_Destroy: every cached record and table released");
     while (!enclosures_.empty()) {
