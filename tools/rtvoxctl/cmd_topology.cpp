@@ -1,5 +1,6 @@
 // rtvoxctl topology: plays a scenario silently and prints the tree the cache
-// holds before the service stops, as text or as Graphviz dot.
+// and the backplane tables hold before the service stops, as text or as
+// Graphviz dot.
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <memory>
@@ -82,8 +83,9 @@ void add_topology_command(CLI::App &app, int &status)
     auto options = std::make_shared<TopologyOptions>();
     CLI::App *command =
         app.add_subcommand("topology",
-                           "play a scenario and print the storage tree the cache holds at its end (controllers, "
-                           "enclosures, drives, virtual disks, PCIe SSD backplanes), with FQDDs and states");
+                           "play a scenario and print the storage tree the cache and the backplane tables hold at its "
+                           "end (controllers, enclosures, drives, virtual disks; PCIe extenders, NVMe backplanes, "
+                           "bays and slots), with FQDDs and states");
     command->add_option("scenario", options->scenario, "the scenario file, JSON (default: a built-in example)");
     command->add_flag("--dot", options->dot, "print a Graphviz digraph instead of the indented tree");
     command->callback([options, &status] { status = run_topology(*options); });

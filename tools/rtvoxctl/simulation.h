@@ -135,6 +135,8 @@ private:
     void command_begin(const Step &step, StepReport &report);
     void command_end(const Step &step, StepReport &report);
     void notify(const Step &step, StepReport &report);
+    void nvme_inventory(const Step &step, StepReport &report);
+    void hotplug(const Step &step, StepReport &report);
 
     // The cache side of the service. Call these with the cache lock held.
     void poll_controller(const Controller &controller, StepReport &report);
@@ -147,6 +149,8 @@ private:
 
     void discover(StepReport &report);
     void plant_platform(StepReport &report);
+    void open_backplane(StepReport &report);
+    void close_backplane(StepReport &report);
     void set_phase(Phase phase, StepReport &report);
     RtCacheEventRecord *make_record(const EventStep &event);
     // Fetches the EID's batch: its records join batch_, and every record the
