@@ -85,7 +85,7 @@ void add_topology_command(CLI::App &app, int &status)
         app.add_subcommand("topology",
                            "play a scenario and print the storage tree the cache and the backplane tables hold at its "
                            "end (controllers, enclosures, drives, virtual disks; PCIe extenders, NVMe backplanes, "
-                           "bays and slots), with FQDDs and states");
+                           "bays and slots; PCIe SSD slots), with FQDDs and states");
     command->add_option("scenario", options->scenario, "the scenario file, JSON (default: a built-in example)");
     command->add_flag("--dot", options->dot, "print a Graphviz digraph instead of the indented tree");
     command->callback([options, &status] { status = run_topology(*options); });

@@ -1,12 +1,15 @@
 // Steps of the drive bays behind the backplane firmware: the backplane API
 // session the service opens at its start, NVMe inventory into the cache, hot
-// plug reported through the host's callback thread. The host platform is
+// plug reported through the host's callback thread, locate requests, and the
+// PCIe SSD simulation pass with its input files. The host platform is
 // planted first with what the scenario says the firmware reports.
 #include <array>
+#include <fstream>
 #include <string>
 #include <vector>
 
 #include "rtvox/rt_shm.h"
+#include "rtvox/rtvox.h"
 #include "simulation.h"
 #include "topology.h"
 #include "vornhost/vornhost.h"
@@ -60,6 +63,13 @@ DriveStates drive_states()
         }
     }
     return states;
+}
+
+bool write_file(const std::string &path, const std::vector<uint8_t> &bytes)
+{
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out.write(reinterpret_cast<const char *>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    return static_cast<bool>(out);
 }
 
 }  // namespace
@@ -149,6 +159,45 @@ void Simulation::hotplug(const Step &step, StepReport &report)
             }
         }
     }
+}
+
+void Simulation::locate(const Step &step, StepReport &report)
+{
+    const auto &l = std::get<LocateStep>(step.body);
+    if (l.nvme) {
+        report.unsupported = "NVMe locate is not supported by this build";
+        return;
+    }
+    const uint32_t rc = l.on ? called(report, "BlinkPCIeSSD", BlinkPCIeSSD(l.bay, l.slot))
+                             : called(report, "UnBlinkPCIeSSD", UnBlinkPCIeSSD(l.bay, l.slot, l.state));
+    if (l.on) {
+        report.line("PCIe SSD in bay %u slot %u: locate on over IPMI (answer %u)", l.bay, l.slot, rc);
+    } else {
+        report.line("PCIe SSD in bay %u slot %u: locate off over IPMI, drive status 0x%04X restored (answer %u)", l.bay,
+                    l.slot, l.state, rc);
+    }
+}
+
+void Simulation::pciessd_simulate(const Step &step, StepReport &report)
+{
+    const auto &s = std::get<PcieSsdSimulateStep>(step.body);
+    if (s.status) {
+        const std::string text = std::to_string(*s.status) + "\n";
+        const bool ok = write_file(dir_ + RTSHM_PCIESSD_STATUS_FILE, {text.begin(), text.end()});
+        report.line("%s: status %u%s", RTSHM_PCIESSD_STATUS_FILE, *s.status, ok ? "" : " (could not be written)");
+    }
+    if (s.fru) {
+        const bool ok = write_file(dir_ + RTSHM_PCIESSD_FRU_FILE, *s.fru);
+        report.line("%s: %zu bytes%s", RTSHM_PCIESSD_FRU_FILE, s.fru->size(), ok ? "" : " (could not be written)");
+    }
+    if (uint8_t *area = vornhost_shm_bytes(RTSHM_PCIESSD_BP_REGION); s.sequence && area != nullptr) {
+        area[6] = *s.sequence;
+        report.line("the platform changes the presence sequence to %u", *s.sequence);
+    }
+    const uint32_t writes = vornhost_call_count(VORNHOST_Vorn_shm_memwrite);
+    RTSHM_PCIeSSDSimulate();
+    report.line("RTSHM_PCIeSSDSimulate made %u region writes",
+                vornhost_call_count(VORNHOST_Vorn_shm_memwrite) - writes);
 }
 
 }  // namespace rtvoxctl::sim

@@ -137,6 +137,8 @@ private:
     void notify(const Step &step, StepReport &report);
     void nvme_inventory(const Step &step, StepReport &report);
     void hotplug(const Step &step, StepReport &report);
+    void locate(const Step &step, StepReport &report);
+    void pciessd_simulate(const Step &step, StepReport &report);
 
     // The cache side of the service. Call these with the cache lock held.
     void poll_controller(const Controller &controller, StepReport &report);

@@ -1,8 +1,10 @@
 #include "topology.h"
 
+#include <algorithm>
 #include <cinttypes>
 #include <set>
 
+#include "rtvox/platform.h"
 #include "rtvox/rt_cache.h"
 #include "rtvox/rt_shm.h"
 
@@ -154,6 +156,32 @@ std::vector<TopologyNode> nvme_slots(uint8_t bay)
     return slots;
 }
 
+// PCIe SSD slots as region 20 describes them, grouped by bay.
+void read_pciessd_slots(std::vector<TopologyNode> &roots)
+{
+    RtShmPcieSsdBp area{};
+    if (Vorn_shm_memread(RTSHM_PCIESSD_BP_REGION, &area, 0, sizeof area) != 0) {
+        return;
+    }
+    std::vector<TopologyNode> bays;
+    for (uint32_t g = 0; g < area.u8SlotCount && g < RTSHM_PCIESSD_SLOTS; ++g) {
+        const RtShmPcieSsdSlot &slot = area.asSlot[g];
+        const std::string label = "PCIe SSD bay " + std::to_string(slot.u8BayID);
+        auto bay = std::find_if(bays.begin(), bays.end(), [&](const TopologyNode &n) { return n.label == label; });
+        if (bay == bays.end()) {
+            bays.push_back({label, "", "", {}});
+            bay = bays.end() - 1;
+        }
+        bay->children.push_back(
+            {"PCIe SSD slot " + std::to_string(g),
+             "",
+             format("slot %u in the bay, BP type %u, %s, drive status 0x%04X", slot.u8SlotNumInBay, slot.u8BPType,
+                    slot.u8DrivePresence != 0 ? "present" : "absent", area.asDriveStatus[g].u16DriveStatus),
+             {}});
+    }
+    roots.insert(roots.end(), bays.begin(), bays.end());
+}
+
 void read_nvme(std::vector<TopologyNode> &roots)
 {
     std::vector<TopologyNode> nodes;
@@ -259,6 +287,7 @@ std::vector<TopologyNode> read_topology()
     }
     read_nvme(roots);
     SMMutexUnLock(mutexRtCache);
+    read_pciessd_slots(roots);
     return roots;
 }
 

@@ -1,8 +1,8 @@
 // The storage tree the object cache and the backplane tables hold:
 // controllers with their battery, enclosures and backplanes with their drives,
 // and virtual disks; PCIe extenders with the NVMe backplanes behind them and
-// their slots, and NVMe bays not inventoried yet. Shown as an indented tree
-// or as a Graphviz digraph.
+// their slots, NVMe bays not inventoried yet; PCIe SSD slots as region 20
+// describes them. Shown as an indented tree or as a Graphviz digraph.
 #pragma once
 
 #include <cstdio>
