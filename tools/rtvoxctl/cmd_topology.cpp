@@ -34,8 +34,9 @@ constexpr const char *kExample = R"({
   "steps": [
     {"do": "poll", "note": "first poll pass"},
     {"do": "disk_changed", "controller": 16, "key": 2, "set": {"state": 2}},
-    {"do": "event", "controller": 16, "object": "disk", "key": 2, "message": "PDR5"},
-    {"do": "fetch", "expect": [{"result": "rtcache_GetCachedEvents", "is": 0}]}
+    {"do": "event", "controller": 16, "object": "disk", "key": 2, "message": "PDR5", "args": ["Disk 2 in Backplane 1"]},
+    {"do": "fetch", "expect": [{"result": "rtcache_GetCachedEvents", "is": 0}]},
+    {"do": "submit", "expect": [{"event_log": "PDR5", "args": ["Disk 2 in Backplane 1"]}]}
   ]
 })";
 

@@ -229,7 +229,7 @@ void Simulation::fetch(const Step &step, StepReport &report)
     for (const uint8_t eid : std::get<FetchStep>(step.body).controllers) {
         take_events(eid, report, true);
     }
-    report.line("%zu event records wait for their submission; the service holds %zu", batch_.size(), fetched_.size());
+    report.line("event records to submit: %zu; held by the service: %zu", batch_.size(), fetched_.size());
 }
 
 void Simulation::release_fetched()
@@ -272,7 +272,7 @@ void Simulation::submit(const Step &, StepReport &report)
     for (RtCacheEventRecord *record : batch_) {
         submit_event(events_[*static_cast<const uint32_t *>(record->pData)], report);
     }
-    report.line("%zu event records submitted or held back, %zu records released", batch_.size(), fetched_.size());
+    report.line("event records submitted or held back: %zu; released: %zu", batch_.size(), fetched_.size());
     release_fetched();
 }
 
