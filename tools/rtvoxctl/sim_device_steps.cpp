@@ -122,7 +122,7 @@ void Simulation::open_backplane(StepReport &report)
 void Simulation::close_backplane(StepReport &report)
 {
     // The service keeps its session for its whole life; the simulation ends
-    // it with the service, so that no callback can come after the cache.
+    // it with the service, so that the next run in this process opens its own.
     if (bpAPIHandler != 0) {
         VornBpApiCloseExec(bpAPIHandler, "rtvoxctl", "close_backplane", __LINE__);
         bpAPIHandler = 0;
