@@ -1,5 +1,6 @@
 // rtvoxctl topology: plays a scenario silently and prints the tree the cache
-// holds before the service stops, as text or as Graphviz dot.
+// and the backplane tables hold before the service stops, as text or as
+// Graphviz dot.
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <memory>
@@ -33,8 +34,9 @@ constexpr const char *kExample = R"({
   "steps": [
     {"do": "poll", "note": "first poll pass"},
     {"do": "disk_changed", "controller": 16, "key": 2, "set": {"state": 2}},
-    {"do": "event", "controller": 16, "object": "disk", "key": 2, "message": "PDR5"},
-    {"do": "fetch", "expect": [{"result": "rtcache_GetCachedEvents", "is": 0}]}
+    {"do": "event", "controller": 16, "object": "disk", "key": 2, "message": "PDR5", "args": ["Disk 2 in Backplane 1"]},
+    {"do": "fetch", "expect": [{"result": "rtcache_GetCachedEvents", "is": 0}]},
+    {"do": "submit", "expect": [{"event_log": "PDR5", "args": ["Disk 2 in Backplane 1"]}]}
   ]
 })";
 
@@ -82,8 +84,9 @@ void add_topology_command(CLI::App &app, int &status)
     auto options = std::make_shared<TopologyOptions>();
     CLI::App *command =
         app.add_subcommand("topology",
-                           "play a scenario and print the storage tree the cache holds at its end (controllers, "
-                           "enclosures, drives, virtual disks, PCIe SSD backplanes), with FQDDs and states");
+                           "play a scenario and print the storage tree the cache and the backplane tables hold at its "
+                           "end (controllers, enclosures, drives, virtual disks; PCIe extenders, NVMe backplanes, "
+                           "bays and slots; PCIe SSD slots), with FQDDs and states");
     command->add_option("scenario", options->scenario, "the scenario file, JSON (default: a built-in example)");
     command->add_flag("--dot", options->dot, "print a Graphviz digraph instead of the indented tree");
     command->callback([options, &status] { status = run_topology(*options); });

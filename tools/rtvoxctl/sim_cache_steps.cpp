@@ -11,9 +11,6 @@
 #include "simulation.h"
 
 namespace rtvoxctl::sim {
-namespace {
-
-constexpr uint32_t kBatteryObject = 5;
 
 std::wstring wide(const std::string &text)
 {
@@ -23,6 +20,10 @@ std::wstring wide(const std::string &text)
     }
     return result;
 }
+
+namespace {
+
+constexpr uint32_t kBatteryObject = 5;
 
 // A 512-byte record of the controller layer with its head filled in; the
 // texts live in `name` and `fqdd` for as long as the source is used.

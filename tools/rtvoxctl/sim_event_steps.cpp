@@ -7,10 +7,12 @@
 #include <set>
 #include <string>
 
-#include "rtvox/rt_evtq.h"
 #include "names.h"
+#include "rtvox/rt_evtq.h"
+#include "rtvox/rt_kwlogwrp.h"
 #include "rtvox/rt_sync.h"
 #include "simulation.h"
+#include "vornhost/vornhost.h"
 
 #if defined(__SANITIZE_ADDRESS__) && __has_include(<sanitizer/lsan_interface.h>)
 #include <sanitizer/lsan_interface.h>
@@ -72,6 +74,23 @@ uint32_t adapter_index(uint8_t eid)
 {
     const int32_t index = GetIndexFromEID(eid);
     return index >= 0 ? static_cast<uint32_t>(index) : max_adapters;
+}
+
+// Why an event that did not reach the event log stayed back, as the library traced it.
+std::string held_back_because(int32_t rc, uint32_t first_trace)
+{
+    bool past_events = false;
+    for (uint32_t i = first_trace; i < vornhost_trace_count(); ++i) {
+        VornHostTraceLine line{};
+        if (vornhost_trace_get(i, &line) != 0) {
+            continue;
+        }
+        if (std::strstr(line.text, "suppress it") != nullptr) {
+            return "inventory phase";
+        }
+        past_events = past_events || std::strstr(line.text, "past event processing") != nullptr;
+    }
+    return past_events && rc == -1 ? "past-event processing" : "refused, answer " + std::to_string(rc);
 }
 
 }  // namespace
@@ -180,19 +199,26 @@ void Simulation::take_events(uint8_t eid, StepReport &report, bool list)
     } else if (count != 0 || changed != 0) {
         report.line("EID %u: %u events and %zu changed disks were still cached: fetched", eid, count, changed);
     }
-    // Every record the blocks point to is the service's now, those of older
-    // ring entries beyond the count included.
+    // The batch is what the service submits: the events up to the count, then
+    // the changed disks' records. Every record the blocks point to is the
+    // service's now, those of older ring entries beyond the count included.
     std::set<void *> seen;
-    auto take = [&](void *record) {
+    auto take = [&](void *record, bool in_batch) {
         if (record != nullptr && seen.insert(record).second) {
             fetched_.push_back(static_cast<RtCacheEventRecord *>(record));
+            if (in_batch) {
+                batch_.push_back(fetched_.back());
+            }
         }
     };
-    for (const RtCacheEventEntry &entry : events->entries) {
-        take(entry.event_data);
+    for (uint32_t i = 0; i < count && i < RTCACHE_EVENTCACHE_DEPTH; ++i) {
+        take(events->entries[i].event_data, true);
     }
-    for (void *record : changes->apRecords) {
-        take(record);
+    for (uint32_t k = 0; k < RTCACHE_PDCHOBJ_SLOTS; ++k) {
+        take(changes->apRecords[k], (changes->au8Bitmap[k / 8] >> (k % 8) & 1) != 0);
+    }
+    for (const RtCacheEventEntry &entry : events->entries) {
+        take(entry.event_data, false);
     }
     rtvox_free(events);
     rtvox_free(changes);
@@ -203,7 +229,51 @@ void Simulation::fetch(const Step &step, StepReport &report)
     for (const uint8_t eid : std::get<FetchStep>(step.body).controllers) {
         take_events(eid, report, true);
     }
-    report.line("%zu fetched event records wait for their submission", fetched_.size());
+    report.line("event records to submit: %zu; held by the service: %zu", batch_.size(), fetched_.size());
+}
+
+void Simulation::release_fetched()
+{
+    for (RtCacheEventRecord *record : fetched_) {
+        release_event_record(record);
+    }
+    fetched_.clear();
+    batch_.clear();
+}
+
+void Simulation::submit_event(const EventStep &event, StepReport &report)
+{
+    const std::wstring fqdd = wide(event.fqdd);
+    std::vector<std::string> args = event.args;
+    std::vector<char *> argv;
+    for (std::string &arg : args) {
+        argv.push_back(arg.data());
+    }
+    const uint32_t submits = vornhost_call_count(VORNHOST_QNIPCLSubmitEvent);
+    const uint32_t first_trace = vornhost_trace_count();
+    const int32_t rc =
+        called(report, "rt_KWLOGCMNSubmitEvent",
+               rt_KWLOGCMNSubmitEvent(event.severity, event.message.c_str(), fqdd.c_str(),
+                                      argv.empty() ? nullptr : argv.data(), static_cast<uint8_t>(argv.size())));
+    if (vornhost_call_count(VORNHOST_QNIPCLSubmitEvent) != submits) {
+        return;  // the event log's journal tells the rest
+    }
+    std::string reason = held_back_because(rc, first_trace);
+    if (!report.suppressed.empty() && report.suppressed.back().message == event.message &&
+        report.suppressed.back().reason == reason) {
+        ++report.suppressed.back().times;
+    } else {
+        report.suppressed.push_back({event.message, std::move(reason)});
+    }
+}
+
+void Simulation::submit(const Step &, StepReport &report)
+{
+    for (RtCacheEventRecord *record : batch_) {
+        submit_event(events_[*static_cast<const uint32_t *>(record->pData)], report);
+    }
+    report.line("event records submitted or held back: %zu; released: %zu", batch_.size(), fetched_.size());
+    release_fetched();
 }
 
 void Simulation::set_phase(Phase phase, StepReport &report)

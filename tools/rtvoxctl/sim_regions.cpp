@@ -92,6 +92,7 @@ std::vector<RegionField> make_fields()
         array("fru.card.u8Slot", kFru, 8324, 1, 12, 260),
         array("fru.card.u8Present", kFru, 8325, 1, 12, 260),
         array("fru.card.u8Temp", kFru, 8326, 1, 12, 260),
+        array("fru.card.u8Bay", kFru, 8327, 1, 12, 260),
         {"fru.card.data", kFru, 8328, 256, 12, 260, Format::Bytes},
         single("frudir.u16Count", kFruDirectory, 2, 2),
         array("frudir.u8PCIeSlotNo", kFruDirectory, 4, 1, 16, 8),

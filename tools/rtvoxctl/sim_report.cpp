@@ -55,7 +55,8 @@ void print_text(const StepReport &report, FILE *out)
                      entry.args.empty() ? "none" : quoted_list(entry.args).c_str(), entry.status);
     }
     for (const Suppressed &entry : report.suppressed) {
-        std::fprintf(out, "  suppressed: %s (%s)\n", entry.message.c_str(), entry.reason.c_str());
+        std::fprintf(out, "  suppressed: %s%s (%s)\n", entry.message.c_str(),
+                     entry.times > 1 ? (" x" + std::to_string(entry.times)).c_str() : "", entry.reason.c_str());
     }
     for (const Wire &write : report.backplane_writes) {
         std::fprintf(out, "  backplane write type %u: %s (status %u)\n", write.type, hex_bytes(write.bytes).c_str(),
@@ -108,7 +109,7 @@ json to_json(const StepReport &report)
     step["event_log"] = events;
     json suppressed = json::array();
     for (const Suppressed &entry : report.suppressed) {
-        suppressed.push_back({{"message", entry.message}, {"reason", entry.reason}});
+        suppressed.push_back({{"message", entry.message}, {"reason", entry.reason}, {"times", entry.times}});
     }
     step["suppressed"] = suppressed;
     json writes = json::array();

@@ -34,6 +34,7 @@ struct EventLogEntry {
 struct Suppressed {
     std::string message;
     std::string reason;
+    uint32_t times = 1;  // the same message held back so many times in a row
 };
 
 // A backplane write or an IPMI request as the host platform journaled it.
@@ -81,6 +82,9 @@ Result called(StepReport &report, const char *function, Result result)
 // second buffer, then the record.
 void release_event_record(RtCacheEventRecord *record);
 
+// The wide text the library's records and FQDDs hold, from plain ASCII.
+std::wstring wide(const std::string &text);
+
 // The cache lock, held for the life of the object when it could be taken.
 class CacheLock {
 public:
@@ -126,10 +130,15 @@ private:
     void disk_changed(const Step &step, StepReport &report);
     void event(const Step &step, StepReport &report);
     void fetch(const Step &step, StepReport &report);
+    void submit(const Step &step, StepReport &report);
     void phase(const Step &step, StepReport &report);
     void command_begin(const Step &step, StepReport &report);
     void command_end(const Step &step, StepReport &report);
     void notify(const Step &step, StepReport &report);
+    void nvme_inventory(const Step &step, StepReport &report);
+    void hotplug(const Step &step, StepReport &report);
+    void locate(const Step &step, StepReport &report);
+    void pciessd_simulate(const Step &step, StepReport &report);
 
     // The cache side of the service. Call these with the cache lock held.
     void poll_controller(const Controller &controller, StepReport &report);
@@ -141,10 +150,15 @@ private:
 
     void discover(StepReport &report);
     void plant_platform(StepReport &report);
+    void open_backplane(StepReport &report);
+    void close_backplane(StepReport &report);
     void set_phase(Phase phase, StepReport &report);
     RtCacheEventRecord *make_record(const EventStep &event);
-    // Fetches the EID's batch; its records join fetched_. `list` tells what was in it.
+    // Fetches the EID's batch: its records join batch_, and every record the
+    // blocks point to joins fetched_. `list` tells what was in it.
     void take_events(uint8_t eid, StepReport &report, bool list);
+    void submit_event(const EventStep &event, StepReport &report);
+    void release_fetched();
 
     Controller &live(uint8_t eid);
     StepReport begin(size_t number, const std::string &kind, const std::string &note);
@@ -164,7 +178,8 @@ private:
     std::map<uint8_t, std::set<uint32_t>> stored_;  // physical-disk table keys filled, per EID
     std::map<uint8_t, uint32_t> command_;           // open command windows: EID -> opcode
     std::vector<EventStep> events_;                 // what each event record stands for
-    std::vector<RtCacheEventRecord *> fetched_;     // fetched and not yet submitted
+    std::vector<RtCacheEventRecord *> batch_;       // the fetched batches' records, to be submitted
+    std::vector<RtCacheEventRecord *> fetched_;     // every record the service holds, batch_ among them
 };
 
 }  // namespace rtvoxctl::sim

@@ -1,8 +1,12 @@
 #include "topology.h"
 
+#include <algorithm>
 #include <cinttypes>
+#include <set>
 
+#include "rtvox/platform.h"
 #include "rtvox/rt_cache.h"
+#include "rtvox/rt_shm.h"
 
 namespace rtvoxctl {
 namespace {
@@ -129,38 +133,116 @@ TopologyNode read_controller(uint8_t eid, const StorageEIDInfoEntry &info)
     return controller;
 }
 
-// PCIe SSD extenders and the backplanes behind them (or on their own).
-void read_pciessd(std::vector<TopologyNode> &roots)
+std::string nvme_slot_state(const RtShmNVMeSlot &slot)
+{
+    if (slot.u8DriveTech == 0 && slot.u16DriveState == 0) {
+        return "empty";
+    }
+    std::string state =
+        format("drive %u, state 0x%04X, technology %u", slot.u8DriveId, slot.u16DriveState, slot.u8DriveTech);
+    if (slot.u8ExtenderSlot != 0) {
+        state += format(", extender slot %u", slot.u8ExtenderSlot);
+    }
+    return slot.u8EID != 0 ? state + format(", EID %u", slot.u8EID) : state;
+}
+
+// The slots of an NVMe bay as the backplane tables hold them: every slot the
+// bay counts, and any other that holds a drive.
+std::vector<TopologyNode> nvme_slots(uint8_t bay)
+{
+    std::vector<TopologyNode> slots;
+    for (uint32_t s = 0; s < RTSHM_NVME_SLOTS; ++s) {
+        const RtShmNVMeSlot &slot = sNVMeSSDBPInfo.slot[bay][s];
+        if (s < sNVMeSSDBPInfo.bay[bay].u8SlotCount || slot.u8DriveTech != 0 || slot.u16DriveState != 0) {
+            slots.push_back({"NVMe slot " + std::to_string(s), "", nvme_slot_state(slot), {}});
+        }
+    }
+    return slots;
+}
+
+// PCIe SSD slots as region 20 describes them, grouped by bay.
+void read_pciessd_slots(std::vector<TopologyNode> &roots)
+{
+    RtShmPcieSsdBp area{};
+    if (Vorn_shm_memread(RTSHM_PCIESSD_BP_REGION, &area, 0, sizeof area) != 0) {
+        return;
+    }
+    std::vector<TopologyNode> bays;
+    for (uint32_t g = 0; g < area.u8SlotCount && g < RTSHM_PCIESSD_SLOTS; ++g) {
+        const RtShmPcieSsdSlot &slot = area.asSlot[g];
+        const std::string label = "PCIe SSD bay " + std::to_string(slot.u8BayID);
+        auto bay = std::find_if(bays.begin(), bays.end(), [&](const TopologyNode &n) { return n.label == label; });
+        if (bay == bays.end()) {
+            bays.push_back({label, "", "", {}});
+            bay = bays.end() - 1;
+        }
+        bay->children.push_back(
+            {"PCIe SSD slot " + std::to_string(g),
+             "",
+             format("slot %u in the bay, BP type %u, %s, drive status 0x%04X", slot.u8SlotNumInBay, slot.u8BPType,
+                    slot.u8DrivePresence != 0 ? "present" : "absent", area.asDriveStatus[g].u16DriveStatus),
+             {}});
+    }
+    roots.insert(roots.end(), bays.begin(), bays.end());
+}
+
+void read_nvme(std::vector<TopologyNode> &roots)
 {
     std::vector<TopologyNode> nodes;
-    for (uint32_t key = 0; key <= RTCACHE_EXTNDR_FETCH_MAX; ++key) {
-        if (const auto *extender = static_cast<const RtCacheExtender *>(cached(RTCACHE_KEY_PCIESSD_EXTENDER, 0, key))) {
+    // The tables themselves rather than the fetch, whose trace lines would
+    // stand in the report of the step that shows this.
+    for (uint32_t key = 0; key < RTCACHE_EXTNDR_SLOTS; ++key) {
+        if (const RtCacheExtender *extender = cache_Extndrs[key]) {
             nodes.push_back({"PCIe extender " + std::to_string(key),
                              narrow(extender->pFQDD),
                              format("bay %u", extender->u8BayID),
                              {}});
         }
     }
-    for (uint32_t key = 0; key <= max_pciessd_backplanes && key < RTCACHE_BKPLANE_SLOTS; ++key) {
-        if (const auto *bp = static_cast<const RtCacheBackplane *>(cached(RTCACHE_KEY_PCIESSD_BACKPLANE, 0, key))) {
-            attach(nodes, {"PCIe SSD backplane " + std::to_string(key),
-                           bp->pEnclosure != nullptr ? narrow(bp->pEnclosure->hdr.FQDD) : "",
-                           format("slot %u, %u slots, %u drives, drive status 0x%04X", bp->u8SlotNumInBay,
-                                  bp->u8SlotCount, bp->u8DriveCount, bp->au16DriveStatus),
-                           {}});
+    std::set<uint8_t> shown;
+    for (uint32_t key = 0; key < RTCACHE_BKPLANE_SLOTS; ++key) {
+        if (const RtCacheBackplane *bp = cache_Bkplanes[key]) {
+            const RtEnclosure *enclosure = bp->pEnclosure;
+            TopologyNode node{"PCIe SSD backplane " + std::to_string(key),
+                              enclosure != nullptr ? narrow(enclosure->hdr.FQDD) : "",
+                              format("%s, first NVMe slot %u, %u slots, drive status 0x%04X",
+                                     enclosure != nullptr ? narrow(enclosure->NAME).c_str() : "no name",
+                                     bp->u8SlotNumInBay, bp->u8SlotCount, bp->au16DriveStatus),
+                              {}};
+            if (key < RTSHM_NVME_BAYS) {
+                node.children = nvme_slots(static_cast<uint8_t>(key));
+                shown.insert(static_cast<uint8_t>(key));
+            }
+            attach(nodes, std::move(node));
+        }
+    }
+    // Bays the backplane reports that are not inventoried (yet).
+    for (uint8_t b = 0; b < RTSHM_NVME_BAYS; ++b) {
+        const RtShmNVMeBay &bay = sNVMeSSDBPInfo.bay[b];
+        if (bay.u8SlotCount != 0 && !shown.contains(b)) {
+            nodes.push_back(
+                {"NVMe bay " + std::to_string(b), "",
+                 format("%u slots, firmware %x.%02x, not inventoried", bay.u8SlotCount, bay.u8FwMajor, bay.u8FwMinor),
+                 nvme_slots(b)});
         }
     }
     roots.insert(roots.end(), nodes.begin(), nodes.end());
 }
 
-void print_node(const TopologyNode &node, const std::string &lead, const std::string &branch, FILE *out)
+void render(const TopologyNode &node, const std::string &lead, const std::string &branch,
+            std::vector<std::string> &lines)
 {
-    std::fprintf(out, "%s%s%s%s%s%s%s\n", lead.c_str(), branch.c_str(), node.label.c_str(),
-                 node.fqdd.empty() ? "" : "  ", node.fqdd.c_str(), node.state.empty() ? "" : "  ",
-                 node.state.empty() ? "" : ("[" + node.state + "]").c_str());
+    std::string line = lead + branch + node.label;
+    if (!node.fqdd.empty()) {
+        line += "  " + node.fqdd;
+    }
+    if (!node.state.empty()) {
+        line += "  [" + node.state + "]";
+    }
+    lines.push_back(std::move(line));
     const std::string below = lead + (branch.empty() ? "" : branch == "`-- " ? "    " : "|   ");
     for (size_t i = 0; i < node.children.size(); ++i) {
-        print_node(node.children[i], below, i + 1 == node.children.size() ? "`-- " : "|-- ", out);
+        render(node.children[i], below, i + 1 == node.children.size() ? "`-- " : "|-- ", lines);
     }
 }
 
@@ -207,9 +289,29 @@ std::vector<TopologyNode> read_topology()
             roots.push_back(read_controller(registry.pEIDs[slot], registry.pEIDInfo[slot]));
         }
     }
-    read_pciessd(roots);
+    read_nvme(roots);
     SMMutexUnLock(mutexRtCache);
+    read_pciessd_slots(roots);
     return roots;
+}
+
+std::vector<TopologyNode> read_nvme_topology()
+{
+    std::vector<TopologyNode> roots;
+    if (rtcache_GetLock() == 0) {
+        read_nvme(roots);
+        SMMutexUnLock(mutexRtCache);
+    }
+    return roots;
+}
+
+std::vector<std::string> topology_lines(const std::vector<TopologyNode> &roots)
+{
+    std::vector<std::string> lines;
+    for (const TopologyNode &root : roots) {
+        render(root, "", "", lines);
+    }
+    return lines;
 }
 
 void print_topology_text(const std::vector<TopologyNode> &roots, FILE *out)
@@ -217,8 +319,8 @@ void print_topology_text(const std::vector<TopologyNode> &roots, FILE *out)
     if (roots.empty()) {
         std::fputs("the cache holds no storage objects\n", out);
     }
-    for (const TopologyNode &root : roots) {
-        print_node(root, "", "", out);
+    for (const std::string &line : topology_lines(roots)) {
+        std::fprintf(out, "%s\n", line.c_str());
     }
 }
 

@@ -1,7 +1,8 @@
-// The storage tree the object cache holds: controllers with their battery,
-// enclosures and backplanes with their drives, and virtual disks; PCIe SSD
-// extenders with the backplanes behind them. Shown as an indented tree or as
-// a Graphviz digraph.
+// The storage tree the object cache and the backplane tables hold:
+// controllers with their battery, enclosures and backplanes with their drives,
+// and virtual disks; PCIe extenders with the NVMe backplanes behind them and
+// their slots, NVMe bays not inventoried yet; PCIe SSD slots as region 20
+// describes them. Shown as an indented tree or as a Graphviz digraph.
 #pragma once
 
 #include <cstdio>
@@ -19,6 +20,11 @@ struct TopologyNode {
 
 // Reads the cache under its lock. Call while the cache is initialised.
 std::vector<TopologyNode> read_topology();
+// The NVMe part of it alone: extenders, backplanes, bays and their slots.
+std::vector<TopologyNode> read_nvme_topology();
+
+// The indented tree, one line per node.
+std::vector<std::string> topology_lines(const std::vector<TopologyNode> &roots);
 
 void print_topology_text(const std::vector<TopologyNode> &roots, FILE *out);
 void print_topology_dot(const std::vector<TopologyNode> &roots, FILE *out);
