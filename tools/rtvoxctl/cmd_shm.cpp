@@ -305,16 +305,17 @@ void add_shm_command(CLI::App &app, int &status)
         uint32_t region = 0;
     };
     auto options = std::make_shared<Options>();
-    CLI::App *command = app.add_subcommand(
-        "shm", "decode the shared-memory regions published by a process that uses the host platform with "
-               "VORN_SHM_MODE=posix (run with the same VORN_SHM_PREFIX)");
+    CLI::App *command =
+        app.add_subcommand("shm",
+                           "decode the shared-memory regions published by a process that uses the host platform with "
+                           "VORN_SHM_MODE=posix (run with the same VORN_SHM_PREFIX)");
     command->footer(region_list());
     command->add_flag("--json", options->json, "one JSON document, keyed by region id");
     command->add_option("--region", options->region, "only region N")->check([](const std::string &text) {
         char *end = nullptr;
         const unsigned long id = std::strtoul(text.c_str(), &end, 10);
-        const bool known = !text.empty() && *end == '\0' && id <= UINT32_MAX &&
-                           find_decoder(static_cast<uint32_t>(id)) != nullptr;
+        const bool known =
+            !text.empty() && *end == '\0' && id <= UINT32_MAX && find_decoder(static_cast<uint32_t>(id)) != nullptr;
         return known ? std::string() : "no decoder for region " + text + "; " + region_list();
     });
     command->callback([options, command, &status] {

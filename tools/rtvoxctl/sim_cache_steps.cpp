@@ -279,8 +279,7 @@ RtCachePdNode *Simulation::make_enclosure_node(const Enclosure &enclosure)
     if (record != nullptr) {
         record->Position = enclosure.position;
     }
-    RtCachePdNode *node =
-        new_pd_node(enclosure.backplane ? RTCACHE_PDNODE_BACKPLANE : RTCACHE_PDNODE_EXTERNAL, record);
+    RtCachePdNode *node = new_pd_node(enclosure.backplane ? RTCACHE_PDNODE_BACKPLANE : RTCACHE_PDNODE_EXTERNAL, record);
     if (node == nullptr) {
         rtcache_FreeRMObjects(record, 1);
         return nullptr;
