@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <functional>
 #include <optional>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -296,6 +297,11 @@ struct Family {
     std::vector<Step> (*scenario)();
 };
 
+void PrintTo(const Family &family, std::ostream *out)
+{
+    *out << family.name;
+}
+
 class Sweep : public ::testing::TestWithParam<Family> {
 protected:
     // One run from a clean state; `point` fails at its `skip`-th call when not null.
@@ -351,6 +357,7 @@ protected:
         }
         rtcache_Destroy();
         EXPECT_EQ(alloc_live(), kept) << "blocks left besides the kept leaks";
+        EXPECT_TRUE(point != nullptr || kept == 0) << "the normal run keeps nothing";
         return counts;
     }
 };
