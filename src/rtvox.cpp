@@ -242,7 +242,9 @@ void **rtvox_alloc_2darray(int32_t rows, int32_t cols, int32_t size)
         return table;
     }
     if (table == nullptr) {
-        // Nothing to fill: answer null rather than write through it.
+        // Nothing to fill: answer null rather than write through it, and give
+        // the data block back since no caller could ever free it.
+        free(data);
         return nullptr;
     }
     // Filled even when the data block could not be had (the row pointers are

@@ -203,6 +203,10 @@ TEST(Memory, TwoDimensionalArray)
     rtvox_free_2darray(rows, 3);
     alloc_fail(0, 2);
     EXPECT_EQ(rtvox_alloc_2darray(3, 4, 2), nullptr);
+    const int64_t live = alloc_live();
+    alloc_fail(0, 1);  // without a row table the data block is given back
+    EXPECT_EQ(rtvox_alloc_2darray(3, 4, 2), nullptr);
+    EXPECT_EQ(alloc_live(), live);
 
     // An empty array loses its data block.
     alloc_reset();
