@@ -202,9 +202,9 @@ TEST_F(PcieSsd, StatusAreaWriteCopiesBytes142To269AndLeavesTheCounter)
     const auto *bp = reinterpret_cast<const RtShmPcieSsdBp *>(image.data());
     EXPECT_EQ(updatePciessdiBCDDataToShm(bp), 0u);
     EXPECT_EQ(updatePciessdiBCDDataToShm(nullptr), 0u);
-    Bytes expected = {kOld};
-    expected.insert(expected.end(), image.begin() + 142, image.begin() + 270);
-    expected.push_back(kOld);
+    Bytes expected(image.begin() + 141, image.begin() + 271);
+    expected.front() = kOld;
+    expected.back() = kOld;
     EXPECT_EQ(at(20, 141, 130), expected);
     EXPECT_EQ(at(20, 10, 1)[0], kOld);
     EXPECT_EQ(writes(), 1u);
