@@ -21,6 +21,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -62,10 +63,17 @@ struct Comparison {
 
 class Bench {
 public:
-    Bench(bool quick, bool json) : quick_(quick), json_(json) {}
+    Bench(bool quick, bool json, bool log_copies = false) : quick_(quick), json_(json), log_copies_(log_copies) {}
 
     // True with --quick: a smoke run, figures are rough.
     bool quick() const { return quick_; }
+    // True with --log-copies: this process runs with copies to the
+    // diagnostic log on (no marker file).
+    bool log_copies() const { return log_copies_; }
+    // Runs `benchmark` in a child rtvox_bench with copies to the diagnostic
+    // log on (the library looks at the marker file once per process) and
+    // answers the value of its figure named `figure`, 0 when it has none.
+    double value_with_log_copies(const char *benchmark, const std::string &figure) const;
     // How long one measurement should run.
     std::chrono::steady_clock::duration budget() const
     {
@@ -128,6 +136,7 @@ public:
 private:
     bool quick_;
     bool json_;
+    bool log_copies_;
     std::vector<Comparison> figures_;
 };
 
@@ -142,12 +151,48 @@ inline uint8_t controller_eid(uint32_t controller)
 // caller calls rtcache_Destroy either way.
 bool set_up_cache(uint32_t controllers);
 
+// Operations per second of one trace call whose level the host filters out:
+// the platform's share of every trace line the library emits.
+double filtered_trace_rate(std::chrono::steady_clock::duration length);
+
+// Trace calls `work` makes, counted from the lines the host captures.
+template <typename Work>
+uint32_t count_trace_calls(Work &&work);
+
+// Heap bytes through the calloc and free that the benchmark links wrapped
+// (the library allocates with calloc only; the host platform never calls
+// it): while counting, the bytes of every block taken with calloc are added
+// and of every such block given back with free subtracted, and the peak is
+// kept. Counting starts at 0.
+void heap_count_start();
+void heap_count_stop();
+size_t heap_peak();
+
+// 1e9 / rate: nanoseconds per operation (0 for a rate of 0).
+inline double ns_per(double rate)
+{
+    return rate > 0 ? 1e9 / rate : 0.0;
+}
+
 using BenchFunction = void (*)(Bench &);
 
 // Adds a benchmark to the registry (used by RTVOX_BENCH at static initialisation).
 struct Registration {
     Registration(const char *name, BenchFunction function);
 };
+
+// Clears the host's captured lines and captures; stops, clears and answers
+// how many lines were captured.
+void trace_capture_start();
+uint32_t trace_capture_stop();
+
+template <typename Work>
+uint32_t count_trace_calls(Work &&work)
+{
+    trace_capture_start();
+    work();
+    return trace_capture_stop();
+}
 
 }  // namespace rtvox::bench
 

@@ -42,6 +42,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using rtvox::bench::Bench;
 using rtvox::bench::controller_eid;
+using rtvox::bench::ns_per;
 
 constexpr uint32_t kControllers = 30;
 constexpr uint32_t kPlain = RTCACHE_EVENTCACHE_DEPTH;
@@ -53,7 +54,6 @@ const char *const kStormRule =
     "the controller's change-object bitmap as text at level 2 (a change-object event twice) whatever level the "
     "trace service keeps, and the cache lock is the platform's mutex; each is measured below, and together they "
     "cost more per event than the goal allows";
-const char *const kTraceLine = "%s:%s:%u:--> entry, EID:%d, objType:0x%x, eventType:0x%x, objKey:%d\n";
 
 // The library's event cache with the 30 controllers registered.
 class LibraryEvents {
@@ -254,7 +254,6 @@ void measure_parts(Clock::duration length, LibraryEvents &cache, PartRates &best
 {
     std::mutex plain_mutex;
     const uint32_t mutex = mutexRtCache;  // free between events
-    auto trace = [] { vornprintf(5, 15, kTraceLine, "rt_cache.c", "rtcache_SetCachedEvent", 1u, 10, 1u, 9u, 1); };
     auto plain_event = [&cache] { cache.record_plain(0, 1); };
     auto platform_lock = [mutex] {
         SMMutexLock(mutex, -1);
@@ -264,7 +263,7 @@ void measure_parts(Clock::duration length, LibraryEvents &cache, PartRates &best
         plain_mutex.lock();
         plain_mutex.unlock();
     };
-    best.trace = std::max(best.trace, Bench::run_for(length, trace));
+    best.trace = std::max(best.trace, rtvox::bench::filtered_trace_rate(length));
     best.printing = std::max(best.printing, Bench::run_for(length, plain_event));
     const uint32_t limit = max_physicaldevices;
     max_physicaldevices = 7;  // below 8 no bitmap is printed
@@ -297,11 +296,6 @@ TraceCounts count_traces(LibraryEvents &cache)
     vornhost_trace_clear();
     constexpr double kEvents = kPlain + kChange;
     return {lines / kEvents, prints / kEvents};
-}
-
-double ns_per(double rate)
-{
-    return rate > 0 ? 1e9 / rate : 0.0;
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// rtvox_bench [--quick] [--json] [--list] [FILTER]
+// rtvox_bench [--quick] [--json] [--list] [--log-copies] [FILTER]
 //
 // Runs every registered benchmark whose name contains FILTER (all without
 // one) and prints one line per figure, or with --json one JSON document of
@@ -34,19 +34,21 @@ std::vector<Entry> &registry()
 void usage(FILE *out)
 {
     std::fputs(
-        "usage: rtvox_bench [--quick] [--json] [--list] [FILTER]\n"
+        "usage: rtvox_bench [--quick] [--json] [--list] [--log-copies] [FILTER]\n"
         "  FILTER   run only the benchmarks whose name contains FILTER\n"
         "  --quick  short runs (about 0.1 s per figure) for a smoke test\n"
         "  --json   print every figure as one JSON document at the end\n"
-        "  --list   print the benchmark names and exit\n",
+        "  --list   print the benchmark names and exit\n"
+        "  --log-copies  run with copies to the diagnostic log on (benchmarks\n"
+        "           that print a figure with copies on start themselves so)\n",
         out);
 }
 
 // A private directory for the library's fixed paths, with copies to the log
-// file switched off, removed again at the end.
+// file switched off unless `log_copies`, removed again at the end.
 class Sandbox {
 public:
-    Sandbox()
+    explicit Sandbox(bool log_copies)
     {
         std::string pattern = (std::filesystem::temp_directory_path() / "rtvox-bench-XXXXXX").string();
         if (mkdtemp(pattern.data()) != nullptr) {
@@ -54,7 +56,9 @@ public:
             for (const char *sub : {"/var/log", "/flash/data0/oem_ps", "/tmp"}) {
                 std::filesystem::create_directories(dir_ + sub);
             }
-            std::ofstream(dir_ + "/flash/data0/oem_ps/rt_vox_log_disabled");
+            if (!log_copies) {
+                std::ofstream(dir_ + "/flash/data0/oem_ps/rt_vox_log_disabled");
+            }
             setenv("RTVOX_ROOT", dir_.c_str(), 1);
         }
     }
@@ -105,6 +109,39 @@ void print_value(const char *indent, const std::string &label, double value, con
 }
 
 }  // namespace
+
+double Bench::value_with_log_copies(const char *benchmark, const std::string &figure) const
+{
+    std::error_code error;
+    const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", error);
+    if (error) {
+        return 0.0;
+    }
+    const std::string command =
+        "'" + self.string() + "' --log-copies --json " + (quick_ ? "--quick " : "") + "'" + benchmark + "'";
+    FILE *child = popen(command.c_str(), "r");
+    if (child == nullptr) {
+        return 0.0;
+    }
+    std::string output;
+    char chunk[4096];
+    for (size_t n = 0; (n = std::fread(chunk, 1, sizeof chunk, child)) > 0;) {
+        output.append(chunk, n);
+    }
+    if (pclose(child) != 0) {
+        return 0.0;
+    }
+    const nlohmann::json document = nlohmann::json::parse(output, nullptr, false);
+    if (document.is_discarded() || !document.contains("figures")) {
+        return 0.0;
+    }
+    for (const auto &entry : document["figures"]) {
+        if (entry.value("name", "") == figure) {
+            return entry.value("value", 0.0);
+        }
+    }
+    return 0.0;
+}
 
 void Bench::report(const std::string &label, double value, const char *unit)
 {
@@ -171,6 +208,7 @@ int main(int argc, char **argv)
     bool quick = false;
     bool json = false;
     bool list = false;
+    bool log_copies = false;
     std::string filter;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
@@ -180,6 +218,8 @@ int main(int argc, char **argv)
             json = true;
         } else if (arg == "--list") {
             list = true;
+        } else if (arg == "--log-copies") {
+            log_copies = true;
         } else if (arg == "-h" || arg == "--help") {
             usage(stdout);
             return 0;
@@ -209,7 +249,7 @@ int main(int argc, char **argv)
         return 1;
     }
 
-    const Sandbox sandbox;
+    const Sandbox sandbox(log_copies);
     if (!sandbox.ready()) {
         std::perror("rtvox_bench: mkdtemp");
         return 1;
@@ -222,7 +262,7 @@ int main(int argc, char **argv)
 #else
     constexpr bool sanitizers = false;
 #endif
-    Bench bench(quick, json);
+    Bench bench(quick, json, log_copies);
     for (const Entry &entry : chosen) {
         entry.function(bench);
     }

@@ -6,7 +6,16 @@
 //
 // Beside it, in the same run, a floor: the same three tables filled from
 // flat arrays of the values they publish (0xFF first, then each entry) and
-// written to region 3 with three writes.
+// written to region 3 with three writes. The update is held to at most
+// 200 % of the floor's time.
+//
+// It cannot come near that: every published drive is traced as it is
+// entered (three lines at level 4) and printed by the dump that ends the
+// update (thirteen lines at level 6), each line a call to the platform's
+// trace service whatever level the service keeps, and those calls alone
+// cost many times the floor. They are counted from a captured update and
+// priced by one call whose level is filtered out, in the same rounds.
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -168,23 +177,51 @@ void floor_pass(const Flat &flat)
 
 RTVOX_BENCH(shm_update)
 {
+    using rtvox::bench::Bench;
+    using rtvox::bench::ns_per;
     if (!set_up_cache()) {
         std::fprintf(stderr, "shm_update: the cache could not be set up\n");
         rtcache_Destroy();
         return;
     }
-    const double updates = bench.rate([] {
+    auto update = [] {
         rtcache_GetLock();
         RTSHM_UpdateSharedMem();
         SMMutexUnLock(mutexRtCache);
-    });
-    rtcache_Destroy();
+    };
     const Flat flat = flat_values();
-    const double floors = bench.rate([&flat] { floor_pass(flat); });
+    auto floor = [&flat] { floor_pass(flat); };
+    // By turns in the same rounds, so that every figure meets the same machine.
+    double updates = 0;
+    double floors = 0;
+    double traces = 0;
+    for (int round = 0; round < Bench::kRounds; ++round) {
+        updates = std::max(updates, Bench::run_for(bench.round(), update));
+        floors = std::max(floors, Bench::run_for(bench.round(), floor));
+        traces = std::max(traces, rtvox::bench::filtered_trace_rate(bench.round() / 4));
+    }
+    const uint32_t calls = rtvox::bench::count_trace_calls(update);
+    rtcache_Destroy();
 
-    bench.report("RTSHM_UpdateSharedMem, 16 controllers x 255 drives behind backplanes, dump included", updates,
-                 "updates/s");
-    bench.report("floor, the same three tables filled from flat arrays and written", floors, "updates/s");
-    bench.report("RTSHM_UpdateSharedMem against the floor", updates > 0 ? 100.0 * floors / updates : 0.0,
-                 "% of the floor's time");
+    bench.compare({.name = "RTSHM_UpdateSharedMem, 16 controllers x 255 drives behind backplanes, dump included",
+                   .value = updates,
+                   .unit = "updates/s",
+                   .baseline = "the same three tables filled from flat arrays and written",
+                   .baseline_value = floors,
+                   .against = rtvox::bench::Against::kFloor,
+                   .goal_percent = 200,
+                   .rule = "every published drive is traced as it is entered (3 lines at level 4) and printed by the "
+                           "dump at the end of the update (13 lines at level 6), each line a call to the platform's "
+                           "trace service whatever level it keeps; the calls are measured below and alone cost "
+                           "more than the goal allows"});
+    const double trace_ns = ns_per(traces);
+    bench.report("RTSHM_UpdateSharedMem, trace calls per update", calls, "calls/update");
+    bench.report("one trace call whose level is filtered out (the platform's cost)", trace_ns, "ns");
+    bench.report("RTSHM_UpdateSharedMem, library time per update", ns_per(updates), "ns");
+    bench.report("RTSHM_UpdateSharedMem, time per update the goal allows (twice the floor's)", 2 * ns_per(floors),
+                 "ns");
+    bench.report("RTSHM_UpdateSharedMem, trace calls per update priced", calls * trace_ns, "ns");
+    // A difference of figures measured apart.
+    bench.report("RTSHM_UpdateSharedMem, library time per update left beside the trace calls",
+                 ns_per(updates) - calls * trace_ns, "ns");
 }

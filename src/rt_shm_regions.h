@@ -20,6 +20,18 @@ namespace rtvox::shm {
 inline uint64_t le_get(const void *image, size_t offset, size_t width)
 {
     const uint8_t *bytes = static_cast<const uint8_t *>(image) + offset;
+    // The widths the tables use, each in straight-line code: the dump reads
+    // thousands of fields per update.
+    switch (width) {
+        case 1:
+            return bytes[0];
+        case 2:
+            return uint64_t{bytes[0]} | uint64_t{bytes[1]} << 8;
+        case 4:
+            return uint64_t{bytes[0]} | uint64_t{bytes[1]} << 8 | uint64_t{bytes[2]} << 16 | uint64_t{bytes[3]} << 24;
+        default:
+            break;
+    }
     uint64_t value = 0;
     for (size_t i = width; i-- > 0;) {
         value = value << 8 | bytes[i];

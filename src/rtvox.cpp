@@ -49,9 +49,6 @@ enum : uint8_t { kLogNotInit = 0, kLogNoFile = 1, kLogReady = 4 };
 std::atomic<uint8_t> g_log_state{kLogNotInit};
 pthread_mutexattr_t g_log_attr;
 
-// 0 = not looked at yet, then 1 (copies off) or 2 (copies on) for the life of the process.
-std::atomic<uint32_t> g_log_switch{0};
-
 // Lines written since the last truncation; only touched under logmutex.
 int32_t g_log_lines = 0;
 
@@ -74,6 +71,8 @@ void write_prefix(FILE *file, const char *function)
 }  // namespace
 
 namespace rtvox::detail {
+
+std::atomic<uint32_t> g_log_switch{0};
 
 void log_copy(const char *function, const char *format, ...)
 {
@@ -210,6 +209,7 @@ uint32_t hasLogDepthExceeded(int32_t limit)
 
 uint32_t IsrtvoxLogDisabled(void)
 {
+    using rtvox::detail::g_log_switch;
     uint32_t cached = g_log_switch.load(std::memory_order_relaxed);
     if (cached != 0) {
         return cached;

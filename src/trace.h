@@ -11,6 +11,7 @@
 // without the "%s:%s:%u:" head.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 
 #include "rtvox/platform.h"
@@ -25,6 +26,17 @@ inline constexpr int32_t RT_TRACE_CATEGORY = 15;
 namespace rtvox::detail {
 // Appends one time-stamped line to the diagnostic log file when copies are on.
 void log_copy(const char *function, const char *format, ...) RTVOX_PRINTF_LIKE(2, 3);
+
+// IsrtvoxLogDisabled's answer once looked at: 0 = not yet, then 1 (copies
+// off) or 2 (copies on) for the life of the process.
+extern std::atomic<uint32_t> g_log_switch;
+
+// False when copies are known to be off, so that a line whose copy is off
+// costs one load and no call (log_copy decides every other case itself).
+inline bool log_copy_wanted()
+{
+    return g_log_switch.load(std::memory_order_relaxed) != 1;
+}
 }  // namespace rtvox::detail
 
 #define RT_TRACE(level, fmt, ...) RT_TRACE_AS(__func__, level, fmt __VA_OPT__(, ) __VA_ARGS__)
@@ -44,10 +56,12 @@ void log_copy(const char *function, const char *format, ...) RTVOX_PRINTF_LIKE(2
     vornprintf((level), RT_TRACE_CATEGORY, (format), RT_MODULE_FILE, (function), \
                static_cast<unsigned>(__LINE__) __VA_OPT__(, ) __VA_ARGS__)
 
-#define RT_TRACE_LOG_AS(function, level, fmt, ...)                             \
-    do {                                                                       \
-        RT_TRACE_AS(function, level, fmt __VA_OPT__(, ) __VA_ARGS__);          \
-        ::rtvox::detail::log_copy((function), fmt __VA_OPT__(, ) __VA_ARGS__); \
+#define RT_TRACE_LOG_AS(function, level, fmt, ...)                                 \
+    do {                                                                           \
+        RT_TRACE_AS(function, level, fmt __VA_OPT__(, ) __VA_ARGS__);              \
+        if (::rtvox::detail::log_copy_wanted()) {                                  \
+            ::rtvox::detail::log_copy((function), fmt __VA_OPT__(, ) __VA_ARGS__); \
+        }                                                                          \
     } while (0)
 
 // Entry and exit lines in the "%s %s %d" form, traced and copied to the file.
