@@ -4,6 +4,7 @@
 // copied with the library's copy functions and stored under the cache lock;
 // whatever a store replaces is released.
 #include <cstdio>
+#include <set>
 #include <string>
 
 #include "demo.h"
@@ -38,6 +39,14 @@ void fill_disk_entry(RtCachePdEntry &entry, const Controller &controller, const 
     entry.u8EnclType = enclosure != nullptr ? enclosure->type : 0;
     entry.u8Multipath = disk.multipath_primary ? 1 : 0;
     entry.u16MultipathPrimary = disk.multipath_primary ? static_cast<uint16_t>(*disk.multipath_primary) : 0;
+}
+
+// The controller layer's descriptions are constant texts that outlive every
+// record (copies share them); these live as long as the process. NULL for "".
+const wchar_t *constant_text(const std::string &text)
+{
+    static std::set<std::wstring> texts;
+    return text.empty() ? nullptr : texts.insert(wide(text)).first->c_str();
 }
 
 // The controller's PCI information block, as the controller layer reports it.
@@ -104,6 +113,7 @@ RtPhysicalDisk *copy_disk(const PhysicalDisk &disk)
     source.u8FormFactor = disk.form_factor;
     source.u16EnclDeviceID = disk.enclosure ? static_cast<uint16_t>(*disk.enclosure) : kNoEnclosure;
     source.u32NominalRPM = disk.rpm;
+    source.pDescription = constant_text(disk.description);
     source.keyId = keyId;
     auto *copy = static_cast<RtPhysicalDisk *>(rtvox_alloc(RTRAID_RECORD_SIZE));
     if (copy != nullptr) {
