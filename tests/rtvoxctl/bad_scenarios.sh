@@ -39,7 +39,7 @@ refused gone_disk '{"controllers": [{"eid": 1, "kind": "TAVO", "disks": [{"key":
   "steps": [{"do": "disk_removed", "controller": 1, "key": 0}, {"do": "disk_removed", "controller": 1, "key": 0}]}' \
   ": /steps/1/key: expected the key of a disk of controller 1, found 0"
 refused unknown_field '{"steps": [{"do": "poll", "expect": [{"field": "pd.au8Temp[255]", "is": 0}]}]}' \
-  ': /steps/0/expect/0/field: expected a numeric region field such as "ctrl.count" or "pd.au8Temp[3]", found the string "pd.au8Temp[255]"'
+  ': /steps/0/expect/0/field: expected a numeric region field such as "ctrl.s32Count" or "pd.au8Temp[3]", found the string "pd.au8Temp[255]"'
 refused missing '' ": cannot be read: No such file or directory"
 
 [ $failures -eq 0 ] && echo "bad scenarios: all refused as expected"

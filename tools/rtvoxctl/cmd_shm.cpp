@@ -7,8 +7,12 @@
 // region's bytes into a JSON object whose members are tables ({"count",
 // "entries", ...}) or plain values. Text and --json output are both made
 // from that object, so a new region only needs its decoder and a line in
-// the table. Values with every bit set (-1, 0xFF, 0xFFFF, 0xFFFFFFFF) mean
-// "not reported" in these regions and show as "none" (null in JSON).
+// the table. In region 3, values with every bit set (-1, 0xFF, 0xFFFF,
+// 0xFFFFFFFF) mean "not reported" and show as "none" (null in JSON); so do
+// the fields of the PCIe SSD tables, where 0xFF marks a cleared record.
+// Byte areas (the SPLIT-mode bytes, FRU images) are hex strings; a table
+// shows the first 16 bytes of an FRU image, --json all 256. Region 26 lists
+// only the records ever written, each with its record number.
 #include "cmd_shm.h"
 
 #include <fcntl.h>
@@ -26,6 +30,7 @@
 #include <string>
 
 #include "rtvox/rt_shm.h"
+#include "sim_regions.h"
 #include "vornhost/vornhost.h"
 
 namespace rtvoxctl {
@@ -53,12 +58,26 @@ Json value(const Bytes &bytes, size_t offset, size_t width)
     return v == none ? Json(nullptr) : Json(v);
 }
 
-// One column of a table: an array of `width`-byte elements at `offset` of the table.
+// `length` bytes at `offset` as hex pairs separated by blanks.
+std::string hex(const Bytes &bytes, size_t offset, size_t length)
+{
+    const auto first = bytes.begin() + static_cast<std::ptrdiff_t>(offset);
+    return sim::hex_bytes({first, first + static_cast<std::ptrdiff_t>(length)});
+}
+
+// One column of a table: `width`-byte elements at `offset` of the table (of
+// each record, in a table of records). Columns wider than 8 bytes are byte
+// areas, shown as hex.
 struct Column {
     const char *name;
     size_t offset;
     size_t width;
 };
+
+Json element(const Bytes &bytes, size_t offset, const Column &column)
+{
+    return column.width > 8 ? Json(hex(bytes, offset, column.width)) : value(bytes, offset, column.width);
+}
 
 #define RTVOXCTL_COLUMN(Table, field)                            \
     Column                                                       \
@@ -66,22 +85,62 @@ struct Column {
 #field, offsetof(Table, field), sizeof(Table{}.field[0]) \
     }
 
-// A table at `base` of the region: its signed 32-bit count, then `count`
-// entries (never more than the table holds), one object per entry.
+// Entry i of a table at `base`: its columns' elements. In a table of arrays
+// (stride 0) element i of a column is `width` bytes further on; in a table of
+// records it is in record i, `stride` bytes further on.
+Json entry(const Bytes &bytes, size_t base, size_t stride, uint32_t i, std::initializer_list<Column> columns)
+{
+    Json out = Json::object();
+    for (const Column &column : columns) {
+        out[column.name] = element(bytes, base + column.offset + i * (stride != 0 ? stride : column.width), column);
+    }
+    return out;
+}
+
+// The first `count` entries of a table (never more than it holds, none for a
+// count below 1), under "count" as given.
+Json table(const Bytes &bytes, size_t base, const Json &count, uint32_t capacity, size_t stride,
+           std::initializer_list<Column> columns)
+{
+    Json out = Json::object();
+    out["count"] = count;
+    out["entries"] = Json::array();
+    const int64_t n = count.is_number() ? count.get<int64_t>() : 0;
+    const uint32_t shown = n > 0 ? static_cast<uint32_t>(std::min<int64_t>(n, capacity)) : 0;
+    for (uint32_t i = 0; i < shown; ++i) {
+        out["entries"].push_back(entry(bytes, base, stride, i, columns));
+    }
+    return out;
+}
+
+// A table of arrays at `base` of region 3: its signed 32-bit count, then the arrays.
 Json table(const Bytes &bytes, size_t base, uint32_t capacity, std::initializer_list<Column> columns)
 {
     const auto count = static_cast<int32_t>(le(bytes, base, 4));
+    return table(bytes, base, count == -1 ? Json(nullptr) : Json(count), capacity, 0, columns);
+}
+
+// The records of a table of `capacity` records that were ever written: a
+// record of one byte value throughout (as the region is created or
+// initialised) is left out. Each entry names its record.
+Json written_records(const Bytes &bytes, size_t base, uint32_t capacity, size_t stride,
+                     std::initializer_list<Column> columns)
+{
     Json out = Json::object();
-    out["count"] = count == -1 ? Json(nullptr) : Json(count);
+    out["written"] = 0;
     out["entries"] = Json::array();
-    const uint32_t shown = count > 0 ? std::min(static_cast<uint32_t>(count), capacity) : 0;
-    for (uint32_t i = 0; i < shown; ++i) {
-        Json entry = Json::object();
-        for (const Column &column : columns) {
-            entry[column.name] = value(bytes, base + column.offset + i * column.width, column.width);
+    for (uint32_t i = 0; i < capacity; ++i) {
+        const auto first = bytes.begin() + static_cast<std::ptrdiff_t>(base + i * stride);
+        const auto last = first + static_cast<std::ptrdiff_t>(stride);
+        if (std::all_of(first, last, [&](uint8_t b) { return b == *first; })) {
+            continue;
         }
-        out["entries"].push_back(std::move(entry));
+        Json record = Json::object();
+        record["record"] = i;
+        record.update(entry(bytes, base, stride, i, columns));
+        out["entries"].push_back(std::move(record));
     }
+    out["written"] = out["entries"].size();
     return out;
 }
 
@@ -126,6 +185,68 @@ Json decode_drive_polling(const Bytes &bytes)
     return out;
 }
 
+#define RTVOXCTL_FIELD(Record, field)                           \
+    Column                                                      \
+    {                                                           \
+#field, offsetof(Record, field), sizeof(Record{}.field) \
+    }
+
+// Region 20: the counters, the slot table and the drive-status area for the
+// slots described, and the SPLIT-mode bytes.
+Json decode_pciessd_bp(const Bytes &bytes)
+{
+    const size_t slots = offsetof(RtShmPcieSsdBp, asSlot);
+    const size_t status = offsetof(RtShmPcieSsdBp, asDriveStatus);
+    Json out = Json::object();
+    const uint8_t count = bytes.at(offsetof(RtShmPcieSsdBp, u8SlotCount));
+    out["u8PresenceSeq"] = bytes.at(offsetof(RtShmPcieSsdBp, u8PresenceSeq));
+    out["u8StatusCounter"] = bytes.at(offsetof(RtShmPcieSsdBp, u8StatusCounter));
+    out["asSlot"] =
+        table(bytes, slots, count, RTSHM_PCIESSD_SLOTS, sizeof(RtShmPcieSsdSlot),
+              {RTVOXCTL_FIELD(RtShmPcieSsdSlot, u8BayID), RTVOXCTL_FIELD(RtShmPcieSsdSlot, u8SlotNumInBay),
+               RTVOXCTL_FIELD(RtShmPcieSsdSlot, u8BPType), RTVOXCTL_FIELD(RtShmPcieSsdSlot, u8DrivePresence)});
+    out["asDriveStatus"] = table(
+        bytes, status, count, RTSHM_PCIESSD_SLOTS, sizeof(RtShmPcieSsdDriveStatus),
+        {RTVOXCTL_FIELD(RtShmPcieSsdDriveStatus, u8BayID), RTVOXCTL_FIELD(RtShmPcieSsdDriveStatus, u8SlotNumInBay),
+         RTVOXCTL_FIELD(RtShmPcieSsdDriveStatus, u16DriveStatus)});
+    out["au8SplitMode"] = hex(bytes, offsetof(RtShmPcieSsdBp, au8SplitMode), RTSHM_PCIESSD_SPLIT_MODE_SIZE);
+    return out;
+}
+
+// Region 26: the FRU counter and the bay and card records ever written.
+Json decode_pciessd_fru(const Bytes &bytes)
+{
+    const std::initializer_list<Column> columns = {
+        RTVOXCTL_FIELD(RtShmPcieSsdFruRecord, u8Slot), RTVOXCTL_FIELD(RtShmPcieSsdFruRecord, u8Present),
+        RTVOXCTL_FIELD(RtShmPcieSsdFruRecord, u8Temp), RTVOXCTL_FIELD(RtShmPcieSsdFruRecord, u8Bay),
+        RTVOXCTL_FIELD(RtShmPcieSsdFruRecord, au8FRU)};
+    Json out = Json::object();
+    out["u8FRUCounter"] = bytes.at(offsetof(RtShmPcieSsdFru, u8FRUCounter));
+    out["asBay"] = written_records(bytes, offsetof(RtShmPcieSsdFru, asBay), RTSHM_PCIESSD_FRU_BAY_RECORDS,
+                                   sizeof(RtShmPcieSsdFruRecord), columns);
+    out["asCard"] = written_records(bytes, offsetof(RtShmPcieSsdFru, asCard), RTSHM_PCIESSD_FRU_CARD_RECORDS,
+                                    sizeof(RtShmPcieSsdFruRecord), columns);
+    return out;
+}
+
+// Region 15: the directory's entries as counted (at most the 16 the library
+// reads), each with the bay id its record holds (byte 1 of the record).
+Json decode_fru_directory(const Bytes &bytes)
+{
+    const size_t base = offsetof(RtShmPcieSsdFruDir, asEntry);
+    Json out = Json::object();
+    out["asEntry"] =
+        table(bytes, base, Json(le(bytes, offsetof(RtShmPcieSsdFruDir, u16Count), 2)),
+              std::size(RtShmPcieSsdFruDir{}.asEntry), sizeof(RtShmPcieSsdFruDirEntry),
+              {RTVOXCTL_FIELD(RtShmPcieSsdFruDirEntry, u8PCIeSlotNo), RTVOXCTL_FIELD(RtShmPcieSsdFruDirEntry, u8Kind),
+               RTVOXCTL_FIELD(RtShmPcieSsdFruDirEntry, u16RecordOffset)});
+    for (Json &e : out["asEntry"]["entries"]) {
+        const size_t at = e["u16RecordOffset"].is_number() ? e["u16RecordOffset"].get<size_t>() + 1 : bytes.size();
+        e["recordBayId"] = at < bytes.size() ? Json(bytes[at]) : Json(nullptr);
+    }
+    return out;
+}
+
 struct Decoder {
     uint32_t id;
     const char *title;
@@ -136,6 +257,9 @@ struct Decoder {
 constexpr Decoder kDecoders[] = {
     {RTSHM_REGION_INVENTORY, "storage inventory", decode_inventory},
     {RTSHM_REGION_DRIVE_POLLING, "drive polling", decode_drive_polling},
+    {RTSHM_PCIESSD_BP_REGION, "PCIe SSD slots and drive status", decode_pciessd_bp},
+    {RTSHM_PCIESSD_FRU_REGION, "PCIe SSD FRU and temperature records", decode_pciessd_fru},
+    {RTSHM_PCIESSD_FRUDIR_REGION, "PCIe extender FRU directory", decode_fru_directory},
 };
 
 const Decoder *find_decoder(uint32_t id)
@@ -154,6 +278,11 @@ std::string cell(const std::string &column, const Json &v)
 {
     if (v.is_null()) {
         return "none";
+    }
+    if (v.is_string()) {  // hex bytes: a table shows the first 16 of a longer area
+        const std::string text = v.get<std::string>();
+        constexpr size_t kShown = 16 * 3 - 1;
+        return text.size() > kShown ? text.substr(0, kShown) + " ..." : text;
     }
     if (column.rfind("au64", 0) == 0) {  // addresses read best in hex
         char hex[24];
@@ -176,14 +305,22 @@ void print_table(FILE *out, const std::string &name, const Json &t)
     if (entries.empty()) {
         return;
     }
-    std::vector<std::string> columns{"#"};
+    // Entries that name their record need no running number.
+    const bool numbered = !entries.front().contains("record");
+    std::vector<std::string> columns;
+    if (numbered) {
+        columns.emplace_back("#");
+    }
     for (const auto &[key, v] : entries.front().items()) {
         columns.push_back(key);
     }
     std::vector<std::vector<std::string>> rows{columns};
     for (size_t i = 0; i < entries.size(); ++i) {
-        std::vector<std::string> row{std::to_string(i)};
-        for (size_t c = 1; c < columns.size(); ++c) {
+        std::vector<std::string> row;
+        if (numbered) {
+            row.push_back(std::to_string(i));
+        }
+        for (size_t c = row.size(); c < columns.size(); ++c) {
             row.push_back(cell(columns[c], entries[i][columns[c]]));
         }
         rows.push_back(std::move(row));
@@ -210,7 +347,8 @@ void print_decoded(FILE *out, const Decoder &decoder, const Json &decoded)
         if (v.is_object() && v.contains("entries")) {
             print_table(out, key, v);
         } else {
-            std::fprintf(out, "  %s %s\n", key.c_str(), cell(key, v).c_str());
+            std::fprintf(out, "  %s %s\n", key.c_str(),
+                         v.is_string() ? v.get<std::string>().c_str() : cell(key, v).c_str());
         }
     }
 }

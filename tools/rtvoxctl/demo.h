@@ -61,6 +61,8 @@ void demo_backplane(Demo &demo);
 void demo_eventlog(Demo &demo);
 void demo_pcie(Demo &demo);
 void demo_shm(Demo &demo);
+// Prints region `id` as `rtvoxctl shm` decodes it.
+void show_region(Demo &demo, uint32_t id);
 void demo_stop(Demo &demo);
 
 }  // namespace rtvoxctl

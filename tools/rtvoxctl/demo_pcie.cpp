@@ -2,8 +2,8 @@
 // log, the simulation fills regions 20 and 26 from the two files it reads,
 // global slots are mapped to bays and given their FQDDs, the presence
 // sequence and the backplane firmware versions are read, a drive status word
-// is updated, FRU and temperature records are stored, and a PCIe SSD is
-// located over IPMI.
+// is updated, FRU and temperature records are stored, a PCIe SSD is located
+// over IPMI, and the inspector decodes regions 20 and 26.
 #include <cstdint>
 #include <cstdio>
 #include <string>
@@ -196,6 +196,10 @@ void demo_pcie(Demo &demo)
     demo.say("with an IPMI status of 0x0105 (low 8 bits not 0) the blink answers %u", rc);
     demo.traces();
     demo.say("the requests' hex dumps are in the diagnostic log shown at the stop");
+
+    demo.section("PCIe SSDs: regions 20 and 26 as `rtvoxctl shm` decodes them");
+    show_region(demo, RTSHM_PCIESSD_BP_REGION);
+    show_region(demo, RTSHM_PCIESSD_FRU_REGION);
 }
 
 }  // namespace rtvoxctl

@@ -100,6 +100,8 @@ void fill_cache()
     rtcache_SetStorageEIDType(kBoot, RTCACHE_EIDTYPE_MIRU);
 }
 
+}  // namespace
+
 void show_region(Demo &demo, uint32_t id)
 {
     std::vector<uint8_t> bytes(vornhost_shm_size(id));
@@ -110,8 +112,6 @@ void show_region(Demo &demo, uint32_t id)
     std::fflush(stdout);
     print_region(stdout, id, bytes);
 }
-
-}  // namespace
 
 void demo_shm(Demo &demo)
 {

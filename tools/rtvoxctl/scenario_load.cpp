@@ -643,7 +643,7 @@ Expectation parse_expectation(const Value &value)
             e.subject = field.text();
             const std::optional<FieldRef> ref = find_field(e.subject);
             if (!ref || ref->field->format == RegionField::Format::Bytes) {
-                field.expected("a numeric region field such as \"ctrl.count\" or \"pd.au8Temp[3]\"");
+                field.expected("a numeric region field such as \"ctrl.s32Count\" or \"pd.au8Temp[3]\"");
             }
             e.value = o.need("is", "the field's value")
                           .sint(std::numeric_limits<int64_t>::min(), std::numeric_limits<int64_t>::max());

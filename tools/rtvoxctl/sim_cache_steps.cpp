@@ -4,10 +4,12 @@
 // copied with the library's copy functions and stored under the cache lock;
 // whatever a store replaces is released.
 #include <cstdio>
+#include <set>
 #include <string>
 
 #include "demo.h"
 #include "rtvox/rt_dup.h"
+#include "rtvox/rt_shm.h"
 #include "simulation.h"
 
 namespace rtvoxctl::sim {
@@ -24,6 +26,39 @@ std::wstring wide(const std::string &text)
 namespace {
 
 constexpr uint32_t kBatteryObject = 5;
+constexpr uint8_t kSolidStateMedia = 0x02;  // bit 1 of the disk record's media flags
+constexpr uint16_t kNoEnclosure = 0xFFFF;   // a directly attached drive
+
+// What the controller reports for a drive besides its record, kept in its cache entry.
+void fill_disk_entry(RtCachePdEntry &entry, const Controller &controller, const PhysicalDisk &disk)
+{
+    const Enclosure *enclosure = disk.enclosure ? controller.enclosure(*disk.enclosure) : nullptr;
+    entry.u16PDStatus = disk.status;
+    entry.u8Temp = disk.temperature;
+    entry.u8Impedance = disk.impedance;
+    entry.u8EnclType = enclosure != nullptr ? enclosure->type : 0;
+    entry.u8Multipath = disk.multipath_primary ? 1 : 0;
+    entry.u16MultipathPrimary = disk.multipath_primary ? static_cast<uint16_t>(*disk.multipath_primary) : 0;
+}
+
+// The controller layer's descriptions are constant texts that outlive every
+// record (copies share them); these live as long as the process. NULL for "".
+const wchar_t *constant_text(const std::string &text)
+{
+    static std::set<std::wstring> texts;
+    return text.empty() ? nullptr : texts.insert(wide(text)).first->c_str();
+}
+
+// The controller's PCI information block, as the controller layer reports it.
+RtCachePciInfo *make_pci_info(const Pci &pci)
+{
+    auto *info = static_cast<RtCachePciInfo *>(rtvox_alloc(sizeof(RtCachePciInfo)));
+    if (info != nullptr) {
+        *info = RtCachePciInfo{
+            pci.vendor_id, pci.device_id, pci.subvendor_id, pci.subdevice_id, {pci.location[0], pci.location[1]}, {}};
+    }
+    return info;
+}
 
 // A 512-byte record of the controller layer with its head filled in; the
 // texts live in `name` and `fqdd` for as long as the source is used.
@@ -42,7 +77,13 @@ RtAdapter *copy_adapter(const Controller &controller)
 {
     std::wstring name = wide(controller.name);
     std::wstring fqdd = wide(controller.fqdd);
-    const auto source = source_record<RtAdapter>(RTRAID_OBJTYPE_ADAPTER, name, fqdd);
+    auto source = source_record<RtAdapter>(RTRAID_OBJTYPE_ADAPTER, name, fqdd);
+    source.u32CtrlTemp = controller.temperature;
+    source.u32BatteryTemp = controller.battery ? controller.battery->temperature : kNotReported32;
+    source.u64CtrlAddress1 = controller.addresses[0];
+    source.u64CtrlAddress2 = controller.addresses[1];
+    source.u8AdapterFlag = controller.flag;
+    source.u8ThermalPDPollDisable = controller.thermal_poll_disable;
     return DupAdapter(&source);
 }
 
@@ -50,7 +91,8 @@ RtBattery *copy_battery(const Battery &battery)
 {
     std::wstring name = wide(battery.name);
     std::wstring fqdd = wide(battery.fqdd);
-    const auto source = source_record<RtBattery>(kBatteryObject, name, fqdd);
+    auto source = source_record<RtBattery>(kBatteryObject, name, fqdd);
+    source.state = battery.state;
     return rtraid_DupBattery(&source);
 }
 
@@ -66,6 +108,12 @@ RtPhysicalDisk *copy_disk(const PhysicalDisk &disk)
     source.state = disk.state;
     source.Slot = disk.slot;
     source.Hotspare = disk.hotspare ? 1 : 0;
+    source.u8BusProtocol = disk.protocol;
+    source.u8MediaFlags = disk.ssd ? kSolidStateMedia : 0;
+    source.u8FormFactor = disk.form_factor;
+    source.u16EnclDeviceID = disk.enclosure ? static_cast<uint16_t>(*disk.enclosure) : kNoEnclosure;
+    source.u32NominalRPM = disk.rpm;
+    source.pDescription = constant_text(disk.description);
     source.keyId = keyId;
     auto *copy = static_cast<RtPhysicalDisk *>(rtvox_alloc(RTRAID_RECORD_SIZE));
     if (copy != nullptr) {
@@ -191,7 +239,7 @@ void Simulation::poll_controller(const Controller &c, StepReport &report)
         }
     }
     for (const PhysicalDisk &disk : c.disks) {
-        if (put_disk_record(report, c.eid, disk.key, copy_disk(disk))) {
+        if (put_disk_record(report, c, disk)) {
             filled.insert(disk.key);
         }
     }
@@ -233,6 +281,8 @@ void Simulation::store_node(const Controller &c, StepReport &report)
     RtBattery *battery = node->pBattery;
     node->pAdapter = copy_adapter(c);
     node->pBattery = c.battery ? copy_battery(*c.battery) : nullptr;
+    rtvox_free(node->pPciInfo);
+    node->pPciInfo = make_pci_info(c.pci);
     called(report, "rtcache_FreeRMObjects", rtcache_FreeRMObjects(adapter, 1));
     called(report, "rtcache_FreeRMObjects", rtcache_FreeRMObjects(battery, 1));
 }
@@ -251,8 +301,11 @@ bool Simulation::store(StepReport &report, RtCacheKeyType type, uint8_t eid, uin
     return true;
 }
 
-bool Simulation::put_disk_record(StepReport &report, uint8_t eid, uint32_t key, RtPhysicalDisk *record)
+bool Simulation::put_disk_record(StepReport &report, const Controller &c, const PhysicalDisk &disk)
 {
+    const uint8_t eid = c.eid;
+    const uint32_t key = disk.key;
+    RtPhysicalDisk *record = copy_disk(disk);
     // A disk keeps its node and cache entry across polls: a new copy of its
     // record is swapped into the entry and the old copy released.
     void *object = nullptr;
@@ -261,6 +314,7 @@ bool Simulation::put_disk_record(StepReport &report, uint8_t eid, uint32_t key, 
     if (node != nullptr && node->objType == RTCACHE_PDNODE_PHYSICALDISK && node->enclObj != nullptr) {
         RtPhysicalDisk *old = node->enclObj->enclType.physicalDisk.Obj;
         node->enclObj->enclType.physicalDisk.Obj = record;
+        fill_disk_entry(*node->enclObj, c, disk);
         called(report, "rtcache_FreeRMObjects", rtcache_FreeRMObjects(old, 1));
         return true;
     }
@@ -268,6 +322,9 @@ bool Simulation::put_disk_record(StepReport &report, uint8_t eid, uint32_t key, 
     if (fresh == nullptr) {
         rtcache_FreeRMObjects(record, 1);
         return false;
+    }
+    if (fresh->enclObj != nullptr) {
+        fill_disk_entry(*fresh->enclObj, c, disk);
     }
     return store(report, RTCACHE_KEY_PD, eid, key, fresh);
 }
@@ -278,6 +335,7 @@ RtCachePdNode *Simulation::make_enclosure_node(const Enclosure &enclosure)
         copy_into_new<RtEnclosure>(rtraid_dupEnclosure, RTRAID_OBJTYPE_ENCLOSURE, enclosure.name, enclosure.fqdd);
     if (record != nullptr) {
         record->Position = enclosure.position;
+        record->u8BayID = enclosure.bay_id;
     }
     RtCachePdNode *node = new_pd_node(enclosure.backplane ? RTCACHE_PDNODE_BACKPLANE : RTCACHE_PDNODE_EXTERNAL, record);
     if (node == nullptr) {
@@ -285,6 +343,7 @@ RtCachePdNode *Simulation::make_enclosure_node(const Enclosure &enclosure)
         return nullptr;
     }
     node->enclObj->u8IsBackplane = enclosure.backplane ? 1 : 0;
+    node->enclObj->u8EnclType = enclosure.type;
     for (size_t group = 0; group < std::size(kElementGroups); ++group) {
         const ElementGroup &g = kElementGroups[group];
         for (uint8_t n = 0; n < enclosure.elements[group] && n < kElementSlots[group]; ++n) {
@@ -303,7 +362,7 @@ void Simulation::put_disk(const Controller &c, const PhysicalDisk &disk, const c
         report.line("EID %u: the cache lock could not be taken", c.eid);
         return;
     }
-    if (put_disk_record(report, c.eid, disk.key, copy_disk(disk))) {
+    if (put_disk_record(report, c, disk)) {
         stored_[c.eid].insert(disk.key);
         report.line("EID %u: disk %u %s: %s copied and stored", c.eid, disk.key, what, disk.fqdd.c_str());
     } else {
@@ -341,6 +400,18 @@ void Simulation::disk_removed(const Step &step, StepReport &report)
         stored_[c.eid].erase(removed.key);
         report.line("EID %u: disk %u removed: its slot emptied and its record released", c.eid, removed.key);
     }
+}
+
+void Simulation::shm_update(const Step &, StepReport &report)
+{
+    // The service publishes after a poll pass, with the cache lock held.
+    const CacheLock lock(report);
+    if (!lock.held()) {
+        report.line("the cache lock could not be taken: nothing published");
+        return;
+    }
+    called(report, "RTSHM_UpdateSharedMem", RTSHM_UpdateSharedMem());
+    report.line("the cache's controllers, drives and batteries published to region %u", RTSHM_REGION_INVENTORY);
 }
 
 }  // namespace rtvoxctl::sim

@@ -165,7 +165,10 @@ void Simulation::locate(const Step &step, StepReport &report)
 {
     const auto &l = std::get<LocateStep>(step.body);
     if (l.nvme) {
-        report.unsupported = "NVMe locate is not supported by this build";
+        const uint32_t rc = l.on ? called(report, "BlinkNVMeSSD", BlinkNVMeSSD(l.bay, l.slot))
+                                 : called(report, "UnBlinkNVMeSSD", UnBlinkNVMeSSD(l.bay, l.slot, l.state));
+        report.line("NVMe drive in bay %u slot %u: locate %s over the backplane API (answer %u)", l.bay, l.slot,
+                    l.on ? "on" : "off", rc);
         return;
     }
     const uint32_t rc = l.on ? called(report, "BlinkPCIeSSD", BlinkPCIeSSD(l.bay, l.slot))

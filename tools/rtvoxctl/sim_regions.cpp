@@ -1,8 +1,11 @@
 #include "sim_regions.h"
 
 #include <algorithm>
+#include <cstddef>
+#include <iterator>
 #include <cstdio>
 
+#include "rtvox/rt_shm.h"
 #include "vornhost/vornhost.h"
 
 namespace rtvoxctl::sim {
@@ -17,13 +20,13 @@ constexpr uint32_t kFru = 26;
 constexpr uint32_t kFruDirectory = 15;
 constexpr uint32_t kRegions[] = {kInventory, kPolling, kPcieSsd, kFru, kFruDirectory};
 
-// Region 3 holds three areas end to end: controllers, drives, batteries.
-constexpr uint32_t kCtrl = 0;
-constexpr uint32_t kPd = 724;
-constexpr uint32_t kBattery = 5318;
-constexpr uint16_t kCtrls = 16;
-constexpr uint16_t kPds = 255;
-constexpr uint16_t kBatteries = 8;
+// Region 3 holds three tables end to end (controllers, drives, batteries);
+// their fields take the names and offsets of the tables' structs.
+#define SIM_COUNT(area, Table, base) \
+    single(area ".s32Count", kInventory, (base) + offsetof(Table, s32Count), 4, Format::Signed)
+#define SIM_ARRAY(area, Table, base, field)                                                       \
+    array(area "." #field, kInventory, (base) + offsetof(Table, field), sizeof(Table{}.field[0]), \
+          std::size(Table{}.field))
 
 RegionField array(const char *name, uint32_t region, uint32_t offset, uint16_t size, uint16_t count,
                   uint16_t stride = 0)
@@ -39,38 +42,39 @@ RegionField single(const char *name, uint32_t region, uint32_t offset, uint16_t 
 std::vector<RegionField> make_fields()
 {
     return {
-        single("ctrl.count", kInventory, kCtrl + 0, 4, Format::Signed),
-        array("ctrl.au8PCISlot", kInventory, kCtrl + 4, 1, kCtrls),
-        array("ctrl.au32Temp", kInventory, kCtrl + 20, 4, kCtrls),
-        array("ctrl.au32BatteryTemp", kInventory, kCtrl + 84, 4, kCtrls),
-        array("ctrl.au32PciId1", kInventory, kCtrl + 148, 4, kCtrls),
-        array("ctrl.au32PciId2", kInventory, kCtrl + 212, 4, kCtrls),
-        array("ctrl.au32PciId3", kInventory, kCtrl + 276, 4, kCtrls),
-        array("ctrl.au32PciId4", kInventory, kCtrl + 340, 4, kCtrls),
-        array("ctrl.au8CardLocation", kInventory, kCtrl + 404, 1, kCtrls),
-        array("ctrl.au64Address1", kInventory, kCtrl + 420, 8, kCtrls),
-        array("ctrl.au8Kind", kInventory, kCtrl + 548, 1, kCtrls),
-        array("ctrl.au8AdapterFlag", kInventory, kCtrl + 564, 1, kCtrls),
-        array("ctrl.thermalPDPollDisable", kInventory, kCtrl + 580, 1, kCtrls),
-        array("ctrl.au64Address2", kInventory, kCtrl + 596, 8, kCtrls),
-        single("pd.count", kInventory, kPd + 0, 4, Format::Signed),
-        array("pd.au8DriveBayID", kInventory, kPd + 4, 1, kPds),
-        array("pd.au8DriveOccupiedSlot", kInventory, kPd + 259, 1, kPds),
-        array("pd.au8DriveProtocolType", kInventory, kPd + 514, 1, kPds),
-        array("pd.au8DriveMediaType", kInventory, kPd + 769, 1, kPds),
-        array("pd.au8DriveFormFactor", kInventory, kPd + 1024, 1, kPds),
-        array("pd.au8Temp", kInventory, kPd + 1279, 1, kPds),
-        array("pd.au32NominalRPM", kInventory, kPd + 1534, 4, kPds),
-        array("pd.au8Reserved", kInventory, kPd + 2554, 1, kPds),
-        array("pd.pdShmStatus", kInventory, kPd + 2809, 2, kPds),
-        array("pd.au16DriveCapacity", kInventory, kPd + 3319, 2, kPds),
-        array("pd.au8DriveImpendance", kInventory, kPd + 3829, 1, kPds),
-        array("pd.au8ChassisSlot", kInventory, kPd + 4084, 1, kPds),
-        array("pd.au8EnclosureTyoe", kInventory, kPd + 4339, 1, kPds),
-        single("battery.count", kInventory, kBattery + 0, 4, Format::Signed),
-        array("battery.au8Slot", kInventory, kBattery + 4, 1, kBatteries),
-        array("battery.au8State", kInventory, kBattery + 12, 1, kBatteries),
-        single("battery.rtvox_inventory", kInventory, kBattery + 20, 4),
+        SIM_COUNT("ctrl", sVOXTavoInventory, RTSHM_TAVO_INVENTORY_OFFSET),
+        SIM_ARRAY("ctrl", sVOXTavoInventory, RTSHM_TAVO_INVENTORY_OFFSET, au8PCISlot),
+        SIM_ARRAY("ctrl", sVOXTavoInventory, RTSHM_TAVO_INVENTORY_OFFSET, au32Temp),
+        SIM_ARRAY("ctrl", sVOXTavoInventory, RTSHM_TAVO_INVENTORY_OFFSET, au32BatteryTemp),
+        SIM_ARRAY("ctrl", sVOXTavoInventory, RTSHM_TAVO_INVENTORY_OFFSET, au32PCIVendorID),
+        SIM_ARRAY("ctrl", sVOXTavoInventory, RTSHM_TAVO_INVENTORY_OFFSET, au32PCIDeviceID),
+        SIM_ARRAY("ctrl", sVOXTavoInventory, RTSHM_TAVO_INVENTORY_OFFSET, au32PCISubVendorID),
+        SIM_ARRAY("ctrl", sVOXTavoInventory, RTSHM_TAVO_INVENTORY_OFFSET, au32PCISubDeviceID),
+        SIM_ARRAY("ctrl", sVOXTavoInventory, RTSHM_TAVO_INVENTORY_OFFSET, au8CardLocation),
+        SIM_ARRAY("ctrl", sVOXTavoInventory, RTSHM_TAVO_INVENTORY_OFFSET, au64CtrlAddress1),
+        SIM_ARRAY("ctrl", sVOXTavoInventory, RTSHM_TAVO_INVENTORY_OFFSET, au8CtrlKind),
+        SIM_ARRAY("ctrl", sVOXTavoInventory, RTSHM_TAVO_INVENTORY_OFFSET, au8AdapterFlag),
+        SIM_ARRAY("ctrl", sVOXTavoInventory, RTSHM_TAVO_INVENTORY_OFFSET, thermalPDPollDisable),
+        SIM_ARRAY("ctrl", sVOXTavoInventory, RTSHM_TAVO_INVENTORY_OFFSET, au64CtrlAddress2),
+        SIM_COUNT("pd", sVOXSASSATAInventory, RTSHM_SASSATA_INVENTORY_OFFSET),
+        SIM_ARRAY("pd", sVOXSASSATAInventory, RTSHM_SASSATA_INVENTORY_OFFSET, au8DriveBayID),
+        SIM_ARRAY("pd", sVOXSASSATAInventory, RTSHM_SASSATA_INVENTORY_OFFSET, au8DriveOccupiedSlot),
+        SIM_ARRAY("pd", sVOXSASSATAInventory, RTSHM_SASSATA_INVENTORY_OFFSET, au8DriveProtocolType),
+        SIM_ARRAY("pd", sVOXSASSATAInventory, RTSHM_SASSATA_INVENTORY_OFFSET, au8DriveMediaType),
+        SIM_ARRAY("pd", sVOXSASSATAInventory, RTSHM_SASSATA_INVENTORY_OFFSET, au8DriveFormFactor),
+        SIM_ARRAY("pd", sVOXSASSATAInventory, RTSHM_SASSATA_INVENTORY_OFFSET, au8Temp),
+        SIM_ARRAY("pd", sVOXSASSATAInventory, RTSHM_SASSATA_INVENTORY_OFFSET, au32NominalRPM),
+        SIM_ARRAY("pd", sVOXSASSATAInventory, RTSHM_SASSATA_INVENTORY_OFFSET, au8Reserved),
+        SIM_ARRAY("pd", sVOXSASSATAInventory, RTSHM_SASSATA_INVENTORY_OFFSET, pdShmStatus),
+        SIM_ARRAY("pd", sVOXSASSATAInventory, RTSHM_SASSATA_INVENTORY_OFFSET, au16DriveCapacity),
+        SIM_ARRAY("pd", sVOXSASSATAInventory, RTSHM_SASSATA_INVENTORY_OFFSET, au8DriveImpendance),
+        SIM_ARRAY("pd", sVOXSASSATAInventory, RTSHM_SASSATA_INVENTORY_OFFSET, au8ChassisSlot),
+        SIM_ARRAY("pd", sVOXSASSATAInventory, RTSHM_SASSATA_INVENTORY_OFFSET, au8EnclosureTyoe),
+        SIM_COUNT("battery", sVOXTAVOBatteryInventory, RTSHM_BATTERY_INVENTORY_OFFSET),
+        SIM_ARRAY("battery", sVOXTAVOBatteryInventory, RTSHM_BATTERY_INVENTORY_OFFSET, au8Slot),
+        SIM_ARRAY("battery", sVOXTAVOBatteryInventory, RTSHM_BATTERY_INVENTORY_OFFSET, au8State),
+        single("battery.rtvox_inventory", kInventory,
+               RTSHM_BATTERY_INVENTORY_OFFSET + offsetof(sVOXTAVOBatteryInventory, rtvox_inventory), 4),
         single("polling.sVOXTAVODrivePolling", kPolling, 522, 4),
         single("ssd.u8SlotCount", kPcieSsd, 2, 1),
         single("ssd.u8Sequence", kPcieSsd, 6, 1),

@@ -30,7 +30,7 @@ struct FieldRef {
 
 // Every named field of regions 3, 55, 20, 26 and 15.
 const std::vector<RegionField> &region_fields();
-// "ctrl.count", "pd.au8Temp[3]": the field, or nothing when the name is not one.
+// "ctrl.s32Count", "pd.au8Temp[3]": the field, or nothing when the name is not one.
 std::optional<FieldRef> find_field(const std::string &name);
 
 // The bytes of every region the library uses, by region id.

@@ -29,9 +29,6 @@ std::string title(const StepReport &report)
 void print_text(const StepReport &report, FILE *out)
 {
     std::fprintf(out, "\n== %s\n", title(report).c_str());
-    if (!report.unsupported.empty()) {
-        std::fprintf(out, "  %s\n", report.unsupported.c_str());
-    }
     for (const std::string &line : report.lines) {
         std::fprintf(out, "  %s\n", line.c_str());
     }
@@ -81,9 +78,6 @@ void print_text(const StepReport &report, FILE *out)
 json to_json(const StepReport &report)
 {
     json step = {{"step", report.number}, {"do", report.kind}, {"note", report.note}};
-    if (!report.unsupported.empty()) {
-        step["unsupported"] = report.unsupported;
-    }
     step["lines"] = report.lines;
     json calls = json::object();
     for (const auto &[function, results] : report.calls) {

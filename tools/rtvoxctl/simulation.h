@@ -54,7 +54,6 @@ struct StepReport {
     size_t number = 0;  // 0 for the start; the stop follows the last step
     std::string kind;
     std::string note;
-    std::string unsupported;                                   // set when this build cannot play the step
     std::vector<std::string> lines;                            // what the service asked and what came of it
     std::map<std::string, std::map<int64_t, uint32_t>> calls;  // function -> result -> times
     std::vector<TraceLine> traces;                             // up to the chosen level, repeats folded
@@ -135,6 +134,7 @@ private:
     void command_begin(const Step &step, StepReport &report);
     void command_end(const Step &step, StepReport &report);
     void notify(const Step &step, StepReport &report);
+    void shm_update(const Step &step, StepReport &report);
     void nvme_inventory(const Step &step, StepReport &report);
     void hotplug(const Step &step, StepReport &report);
     void locate(const Step &step, StepReport &report);
@@ -145,7 +145,7 @@ private:
     void store_node(const Controller &controller, StepReport &report);
     bool store(StepReport &report, RtCacheKeyType type, uint8_t eid, uint32_t key, void *fresh);
     void put_disk(const Controller &controller, const PhysicalDisk &disk, const char *what, StepReport &report);
-    bool put_disk_record(StepReport &report, uint8_t eid, uint32_t key, RtPhysicalDisk *record);
+    bool put_disk_record(StepReport &report, const Controller &controller, const PhysicalDisk &disk);
     RtCachePdNode *make_enclosure_node(const Enclosure &enclosure);
 
     void discover(StepReport &report);

@@ -176,12 +176,14 @@ void read_pciessd_slots(std::vector<TopologyNode> &roots)
             bays.push_back({label, "", "", {}});
             bay = bays.end() - 1;
         }
+        char *fqdd = rtvox_GetPCIeSSDFQDD(g);
         bay->children.push_back(
             {"PCIe SSD slot " + std::to_string(g),
-             "",
+             fqdd != nullptr ? fqdd : "",
              format("slot %u in the bay, BP type %u, %s, drive status 0x%04X", slot.u8SlotNumInBay, slot.u8BPType,
                     slot.u8DrivePresence != 0 ? "present" : "absent", area.asDriveStatus[g].u16DriveStatus),
              {}});
+        rtvox_free(fqdd);
     }
     roots.insert(roots.end(), bays.begin(), bays.end());
 }
