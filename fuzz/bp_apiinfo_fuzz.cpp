@@ -8,12 +8,9 @@
 #include <array>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <string>
 
+#include "fuzz_support.h"
 #include "rt_cache_release.h"
 #include "rt_shm_internal.h"
 #include "rtvox/rt_cache.h"
@@ -21,25 +18,6 @@
 #include "vornhost/vornhost.h"
 
 namespace {
-
-// The library's paths land in a private directory, removed at exit, with the
-// log file copies off.
-void private_root()
-{
-    static char dir[] = "/tmp/rtvox-fuzz-XXXXXX";
-    if (mkdtemp(dir) == nullptr) {
-        std::perror("mkdtemp");
-        std::abort();
-    }
-    const std::string root = dir;
-    std::filesystem::create_directories(root + "/flash/data0/oem_ps");
-    std::ofstream(root + "/flash/data0/oem_ps/rt_vox_log_disabled");
-    setenv("RTVOX_ROOT", dir, 1);
-    std::atexit([] {
-        std::error_code ignored;
-        std::filesystem::remove_all(dir, ignored);
-    });
-}
 
 void empty_inventory()
 {
@@ -55,8 +33,7 @@ void empty_inventory()
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
-    private_root();
-    vornhost_trace_set_level(0);  // the library traces a lot: none of it on stderr
+    rtvox::fuzz::private_root();
     if (rtcache_Init() != 0 || rtshm_BpApiInit() != 0) {
         std::fputs("bp_apiinfo_fuzz: no cache or no backplane session\n", stderr);
         std::abort();

@@ -49,7 +49,7 @@ for target in "${targets[@]}"; do
     scratch="$(mktemp -d)"
     trap 'rm -rf "${scratch}"' EXIT
     echo "=== fuzz ${name}: ${seconds} s"
-    "${target}" -max_total_time="${seconds}" -max_len=738 -timeout=10 -print_final_stats=1 \
+    "${target}" -max_total_time="${seconds}" -timeout=10 -print_final_stats=1 \
       -artifact_prefix="${findings}/" "${scratch}" "fuzz/corpus/${name}" >"${findings}/fuzz.log" 2>&1 || {
       tail -n 60 "${findings}/fuzz.log"
       echo "fuzz: ${name} found a crash or sanitizer report (log: ${findings}/fuzz.log)" >&2

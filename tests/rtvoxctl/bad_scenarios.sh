@@ -29,6 +29,7 @@ runner=("$@")
 
 refused syntax '{"controllers": [
 }' ":2:1: not valid JSON: "
+refused number_overflow '{"controllers": [{"eid": 1e400, "kind": "TAVO"}]}' ": not valid JSON: number overflow parsing '1e400'"
 refused unknown_key '{"controllers": [{"eid": 1, "kind": "TAVO", "battery": {"temprature": 30}}]}' \
   ": /controllers/0/battery/temprature: unknown key; expected one of: state, temperature, name, fqdd"
 refused wrong_type '{"controllers": [{"eid": "16", "kind": "TAVO"}]}' \

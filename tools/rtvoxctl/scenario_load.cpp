@@ -1046,6 +1046,13 @@ Scenario parse_scenario(const std::string &text, const std::string &file)
             detail = detail.substr(colon + 2);
         }
         throw ScenarioError(file + ":" + line_and_column(text, error.byte) + ": not valid JSON: " + detail);
+    } catch (const json::out_of_range &error) {
+        // A number too large for any C++ type (1e400, say): the parser names
+        // the number but not its place.
+        std::string detail = error.what();
+        const size_t bracket = detail.find("] ");
+        throw ScenarioError(
+            file + ": not valid JSON: " + (bracket == std::string::npos ? detail : detail.substr(bracket + 2)));
     }
     try {
         return parse_document(document, file);
