@@ -46,15 +46,21 @@ std::string bytes_of(const T &value)
     return {reinterpret_cast<const char *>(&value), sizeof value};
 }
 
-// Polls `done` until it holds or `bound` has passed; answers the last result.
+// Polls `done` until it holds or `bound` has passed; answers whether it held.
 template <typename Done>
 bool eventually(Done done, std::chrono::milliseconds bound = 5s)
 {
-    for (const auto deadline = std::chrono::steady_clock::now() + bound;
-         !done() && std::chrono::steady_clock::now() < deadline;) {
+    // The answer is the one seen, not a second look: a condition that held
+    // once may stop holding a moment later (a waiter between two waits).
+    for (const auto deadline = std::chrono::steady_clock::now() + bound;;) {
+        if (done()) {
+            return true;
+        }
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return false;
+        }
         std::this_thread::sleep_for(1ms);
     }
-    return done();
 }
 
 // A private root, a fresh host emulation, counted allocations, trace capture,
