@@ -216,7 +216,9 @@ uint32_t IsrtvoxLogDisabled(void)
     }
     // Looked at once per process; two first callers may both stat, harmlessly.
     cached = file_exists(kLogDisabledFlag) ? 1 : 2;
-    g_log_switch.store(cached, std::memory_order_relaxed);
+    // A locked exchange rather than a plain store: the race checkers then
+    // accept the lock-free reads of every trace line (log_copy_wanted).
+    g_log_switch.exchange(cached, std::memory_order_seq_cst);
     return cached;
 }
 
