@@ -237,7 +237,7 @@ Json decode_fru_directory(const Bytes &bytes)
     Json out = Json::object();
     out["asEntry"] =
         table(bytes, base, Json(le(bytes, offsetof(RtShmPcieSsdFruDir, u16Count), 2)),
-              std::size(RtShmPcieSsdFruDir{}.asEntry), sizeof(RtShmPcieSsdFruDirEntry),
+              sizeof(RtShmPcieSsdFruDir{}.asEntry) / sizeof(RtShmPcieSsdFruDirEntry), sizeof(RtShmPcieSsdFruDirEntry),
               {RTVOXCTL_FIELD(RtShmPcieSsdFruDirEntry, u8PCIeSlotNo), RTVOXCTL_FIELD(RtShmPcieSsdFruDirEntry, u8Kind),
                RTVOXCTL_FIELD(RtShmPcieSsdFruDirEntry, u16RecordOffset)});
     for (Json &e : out["asEntry"]["entries"]) {

@@ -26,7 +26,7 @@ constexpr uint32_t kRegions[] = {kInventory, kPolling, kPcieSsd, kFru, kFruDirec
     single(area ".s32Count", kInventory, (base) + offsetof(Table, s32Count), 4, Format::Signed)
 #define SIM_ARRAY(area, Table, base, field)                                                       \
     array(area "." #field, kInventory, (base) + offsetof(Table, field), sizeof(Table{}.field[0]), \
-          std::size(Table{}.field))
+          sizeof(Table{}.field) / sizeof(Table{}.field[0]))
 
 RegionField array(const char *name, uint32_t region, uint32_t offset, uint16_t size, uint16_t count,
                   uint16_t stride = 0)
