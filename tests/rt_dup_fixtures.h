@@ -24,6 +24,8 @@ namespace rtvox::test::dup {
 using namespace rtvox::test;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
+// Results of several calls and fields, in order (a braced list is evaluated left to right).
+using Codes = std::vector<int64_t>;
 
 // Owns the texts a source record points at and remembers what they said, so
 // a test can prove that no copy or release touched them.
