@@ -262,44 +262,12 @@ TEST_F(ControllerCopy, AdapterEntryArrayFollowsTheSourcePointerNotTheMask)
     src.entryArray = nullptr;
     src.entryMask = 0xFFFFFFFFu;  // without an array: none, whatever the mask
     RtAdapter *without = DupAdapter(&src);
-    EXPECT_NE(with->entryArray, nullptr);
-    EXPECT_NE(with->entryArray, &entry);
-    EXPECT_EQ(without->entryArray, nullptr);
-    EXPECT_EQ(alloc_calls(), 3u);
-    EXPECT_EQ(alloc_live_bytes(), 2 * 512);
+    EXPECT_EQ((Codes{with->entryArray != nullptr && with->entryArray != &entry, without->entryArray == nullptr,
+                     alloc_calls(), alloc_live_bytes()}),
+              (Codes{1, 1, 3, 2 * 512}));
     rtcache_FreeRMObjects(with, 1);
     rtcache_FreeRMObjects(without, 1);
     EXPECT_EQ(alloc_live(), 0);
-}
-
-TEST_F(ControllerCopy, NullArgumentsAndAbsentTextsAreRefused)
-{
-    EXPECT_EQ(DupAdapter(nullptr), nullptr);
-    EXPECT_EQ(rtraid_DupAdapterKey(nullptr), nullptr);
-    EXPECT_EQ(rtraid_DupBattery(nullptr), nullptr);
-    EXPECT_EQ(rtraid_DupDriver(nullptr), nullptr);
-    for (const std::string fn : {"DupAdapter", "rtraid_DupAdapterKey", "rtraid_DupBattery", "rtraid_DupDriver"}) {
-        EXPECT_THAT(traced(fn), ElementsAre("L4 --> " + fn, "L2 <--error1 " + fn));
-    }
-    RtPCIeSSDAdapterNames names{nullptr, nullptr};
-    RtAdapter dest{};
-    EXPECT_EQ(DupPCIeSSDAdapter(nullptr, &dest), -1);
-    EXPECT_EQ(DupPCIeSSDAdapter(&names, nullptr), -1);
-    EXPECT_THAT(traced("DupPCIeSSDAdapter"), ElementsAre(HasSubstr("L4 --> "), "L2 <--error1 DupPCIeSSDAdapter",
-                                                         HasSubstr("L4 --> "), "L2 <--error2 DupPCIeSSDAdapter"));
-    EXPECT_EQ(alloc_calls(), 0u);
-    const std::string log = root.read("/var/log/rtvox.log");
-    EXPECT_THAT(log, HasSubstr("[DupAdapter] --> DupAdapter\n"));
-    EXPECT_THAT(log, HasSubstr("[DupAdapter] <--error1 DupAdapter\n"));
-
-    // Absent names leave the destination's NAME and hdr.FQDD as they were; EXTRA is set all the same.
-    Texts texts;
-    dest.NAME = dest.hdr.FQDD = texts(L"kept");
-    EXPECT_EQ(DupPCIeSSDAdapter(&names, &dest), 0);
-    EXPECT_EQ(dest.NAME, dest.hdr.FQDD);
-    EXPECT_STREQ(dest.NAME, L"kept");
-    EXPECT_STREQ(dest.EXTRA, L"Not Applicable");
-    rtvox_free(dest.EXTRA);
 }
 
 TEST_F(ControllerCopy, StripTrimsAndZeroFillsBehindTheTextAndTracesEveryOutcome)
@@ -557,7 +525,7 @@ TEST_F(DiskCopy, SharedAndAbsentMembers)
     EXPECT_EQ(alloc_live(), 0);
 }
 
-TEST_F(DiskCopy, NullArgumentsAreRefused)
+TEST_F(DupTest, NullArgumentsAreRefusedAndAbsentTextsLeftAlone)
 {
     RtRecord rec{};
     auto *pd = reinterpret_cast<RtPhysicalDisk *>(&rec);
@@ -569,10 +537,32 @@ TEST_F(DiskCopy, NullArgumentsAreRefused)
     EXPECT_TRUE(trace_lines().empty());
     rtraid_DupVD(nullptr, vd);
     rtraid_DupVD(vd, nullptr);
-    EXPECT_EQ((Codes{DupForeign_Config(nullptr) != nullptr, alloc_calls()}), (Codes{0, 0}));
+    EXPECT_EQ((std::vector<void *>{DupForeign_Config(nullptr), DupAdapter(nullptr), rtraid_DupAdapterKey(nullptr),
+                                   rtraid_DupBattery(nullptr), rtraid_DupDriver(nullptr)}),
+              std::vector<void *>(5));
     EXPECT_THAT(traced("rtraid_DupVD"), ElementsAre("L4 --> rtraid_DupVD", "L2 <--error1 rtraid_DupVD",
                                                     "L4 --> rtraid_DupVD", "L2 <--error1 rtraid_DupVD"));
     EXPECT_THAT(traced("DupForeign_Config"), ElementsAre("L4 --> DupForeign_Config", "L2 <--error1 DupForeign_Config"));
+    for (const std::string fn : {"DupAdapter", "rtraid_DupAdapterKey", "rtraid_DupBattery", "rtraid_DupDriver"}) {
+        EXPECT_THAT(traced(fn), ElementsAre("L4 --> " + fn, "L2 <--error1 " + fn));
+    }
+    RtPCIeSSDAdapterNames names{nullptr, nullptr};
+    RtAdapter dest{};
+    EXPECT_EQ((Codes{DupPCIeSSDAdapter(nullptr, &dest), DupPCIeSSDAdapter(&names, nullptr), alloc_calls()}),
+              (Codes{-1, -1, 0}));
+    EXPECT_THAT(traced("DupPCIeSSDAdapter"), ElementsAre(HasSubstr("L4 --> "), "L2 <--error1 DupPCIeSSDAdapter",
+                                                         HasSubstr("L4 --> "), "L2 <--error2 DupPCIeSSDAdapter"));
+    const std::string log = root.read("/var/log/rtvox.log");
+    EXPECT_THAT(log, HasSubstr("[DupAdapter] --> DupAdapter\n"));
+    EXPECT_THAT(log, HasSubstr("[DupAdapter] <--error1 DupAdapter\n"));
+
+    // Absent names leave the destination's NAME and hdr.FQDD as they were; EXTRA is set all the same.
+    Texts texts;
+    dest.NAME = dest.hdr.FQDD = texts(L"kept");
+    EXPECT_EQ(DupPCIeSSDAdapter(&names, &dest), 0);
+    EXPECT_TRUE(dest.NAME == dest.hdr.FQDD && std::wstring(dest.NAME) == L"kept");
+    EXPECT_STREQ(dest.EXTRA, L"Not Applicable");
+    rtvox_free(dest.EXTRA);
 }
 
 TEST_F(DiskCopy, ForeignConfigCopyReleaseAndEveryFailingAllocation)
