@@ -15,6 +15,9 @@ using ::testing::ElementsAre;
 
 namespace {
 
+// Results of several calls and fields, in order (a braced list is evaluated left to right).
+using Codes = std::vector<int64_t>;
+
 constexpr uint8_t kEid = 0x21;     // a RAID controller, adapter index 2
 constexpr uint8_t kSsdEid = 0x30;  // a PCIe SSD subsystem (EID type 7), adapter index 3
 constexpr uint32_t kIndex = 2, kSsdIndex = 3;
@@ -71,18 +74,12 @@ Batch take(uint32_t eid = kEid)
 
 uint32_t park(uint32_t eid, uint32_t objType, uint32_t eventType, uint32_t key)
 {
-    EXPECT_EQ(rtcache_GetLock(), 0u);
-    const uint32_t rc = rtcache_SetDelayedCachedEvent(eid, objType, eventType, key);
-    SMMutexUnLock(mutexRtCache);
-    return rc;
+    return locked(rtcache_SetDelayedCachedEvent, eid, objType, eventType, key);
 }
 
 uint32_t purge(uint32_t eid, uint32_t opcode)
 {
-    EXPECT_EQ(rtcache_GetLock(), 0u);
-    const uint32_t rc = rtcache_PurgeDelayedCachedEvents(eid, opcode);
-    SMMutexUnLock(mutexRtCache);
-    return rc;
+    return locked(rtcache_PurgeDelayedCachedEvents, eid, opcode);
 }
 
 class EventCache : public CacheTest {
@@ -105,24 +102,20 @@ TEST_F(EventCache, RingKeepsArrivalOrderAndRestartsAtThe385thEvent)
     for (uint32_t i = 1; i <= RTCACHE_EVENTCACHE_DEPTH; ++i) {
         ASSERT_EQ(record_event(kEid, kPlain, 9, 100 + i), 0u);
     }
-    EXPECT_EQ(ring().u32Count, 384u);
-    EXPECT_EQ(ring().entries[1].objType, kPlain);
-    EXPECT_EQ(ring().entries[1].eventType, 9u);
+    EXPECT_EQ((Codes{ring().u32Count, ring().entries[1].objType, ring().entries[1].eventType,
+                     trace_count("event_data_npd null"), trace_has(2, "exceeded the RTCACHE_EVENTCACHE_DEPTH")}),
+              (Codes{384, kPlain, 9, 384, 0}));
     EXPECT_EQ(ring().entries[1].event_data, nullptr);
     EXPECT_TRUE(all_zero(&chobj(), sizeof(RtCachePdChObjBlock)));
-    EXPECT_EQ(trace_count("event_data_npd null"), 384);
-    EXPECT_FALSE(trace_has(2, "exceeded the RTCACHE_EVENTCACHE_DEPTH"));
 
     RtCacheEventRecord *record = event_record("CTL48");
     ASSERT_EQ(record_event(kEid, kPlain, 9, 999, record), 0u);
-    EXPECT_EQ(ring().u32Count, 1u);
-    EXPECT_TRUE(trace_has(2, "exceeded the RTCACHE_EVENTCACHE_DEPTH"));
-    EXPECT_TRUE(trace_has(4, "event_data_npd not null"));
-    EXPECT_EQ(ring().entries[0].objKey, 999u);
+    EXPECT_TRUE(trace_has(2, "exceeded the RTCACHE_EVENTCACHE_DEPTH") && trace_has(4, "event_data_npd not null"));
+    // Entries 1 and 383 are stale, beyond the count.
+    EXPECT_EQ((Codes{ring().u32Count, ring().entries[0].objKey, ring().entries[1].objKey, ring().entries[383].objKey,
+                     cache_Events[kSsdIndex].u32Count}),
+              (Codes{1, 999, 102, 484, 0}));
     EXPECT_EQ(ring().entries[0].event_data, record);
-    EXPECT_EQ(ring().entries[1].objKey, 102u);    // stale, beyond the count
-    EXPECT_EQ(ring().entries[383].objKey, 484u);  // the last slot too
-    EXPECT_EQ(cache_Events[kSsdIndex].u32Count, 0u);
 
     // Overwriting an entry drops its record without releasing it.
     const int64_t live = alloc_live();
@@ -168,20 +161,16 @@ TEST_F(EventCache, ChangeObjectSetsTheDiskBitAndTracesTheBitmapWithinTheDiskLimi
 
 TEST_F(EventCache, KeysAndEidsReachOnlyTheirOwnBlocks)
 {
-    ASSERT_EQ(record_event(kSsdEid, kChange, kChange, 600), 0u);  // type 7: bits for 4096 disks
+    // A type-7 EID has bits for 4096 disks.
+    EXPECT_EQ((Codes{record_event(kSsdEid, kChange, kChange, 600), record_event(kSsdEid, kChange, kChange, 4096 + 9),
+                     record_event(kEid, kChange, kChange, 512), record_event(255, kChange, kChange, 1),
+                     record_event(0x40, kChange, kChange, 1), locked(rtcache_SetCachedEvent, 255, kPlain, 1, 1),
+                     locked(rtcache_SetCachedEvent, 0x40, kPlain, 1, 1)}),
+              (Codes{0, 0, 0, 2, 1, 2, 1}));
     EXPECT_TRUE(trace_has(4, "-->CopyCacheEvent: EID=48 u8Type=7"));
-    ASSERT_EQ(record_event(kSsdEid, kChange, kChange, 4096 + 9), 0u);
     EXPECT_TRUE(trace_has(2, "u16Index:[513] is beyond the bitmap area, bit not set"));
-    ASSERT_EQ(record_event(kEid, kChange, kChange, 512), 0u);
     EXPECT_TRUE(trace_has(2, "Error: objKey is more than MAX_PHYSICALDEVICESs"));
-    EXPECT_EQ(record_event(255, kChange, kChange, 1), 2u);
-    EXPECT_TRUE(trace_has(2, "<-- err1"));
-    EXPECT_EQ(record_event(0x40, kChange, kChange, 1), 1u);
-    EXPECT_TRUE(trace_has(2, "<-- err2"));
-    ASSERT_EQ(rtcache_GetLock(), 0u);
-    EXPECT_EQ(rtcache_SetCachedEvent(255, kPlain, 1, 1), 2u);
-    EXPECT_EQ(rtcache_SetCachedEvent(0x40, kPlain, 1, 1), 1u);
-    SMMutexUnLock(mutexRtCache);
+    EXPECT_TRUE(trace_has(2, "<-- err1") && trace_has(2, "<-- err2"));
     // An EID found by its index but outside the filled slots has no readable
     // type: the event is taken as type 0.
     void *byte = nullptr;
@@ -212,11 +201,9 @@ TEST_F(EventCache, FetchHandsOverBothBlocksAndEmptiesThem)
 
     Batch batch = take();
     ASSERT_EQ(batch.rc, 0u);
-    EXPECT_EQ(batch.events->u32Count, 2u);
-    EXPECT_EQ(batch.events->entries[1].objType, 4u);
-    EXPECT_EQ(batch.events->entries[1].event_data, plain);
-    EXPECT_EQ(batch.chObj->au8Bitmap[0], 0x80);
-    EXPECT_EQ(batch.chObj->apRecords[7], disk);
+    EXPECT_EQ((Codes{batch.events->u32Count, batch.events->entries[1].objType, batch.chObj->au8Bitmap[0]}),
+              (Codes{2, 4, 0x80}));
+    EXPECT_TRUE(batch.events->entries[1].event_data == plain && batch.chObj->apRecords[7] == disk);
     EXPECT_TRUE(all_zero(&ring(), sizeof(RtCacheEventBlock)));
     EXPECT_TRUE(all_zero(&chobj(), sizeof(RtCachePdChObjBlock)));
     EXPECT_TRUE(trace_has(5, "<-- exit, EID[33]"));
@@ -244,36 +231,27 @@ TEST_F(EventCache, FetchFailuresTakeNothingOrLoseOnlyThePlainEvents)
     // Bad arguments, an unknown EID, the lock: refused before any allocation.
     RtCacheEventBlock *events = nullptr;
     RtCachePdChObjBlock *chObj = nullptr;
-    EXPECT_EQ(take(0x40).rc, 1u);
-    EXPECT_TRUE(trace_has(2, "<-- err2 255"));
-    EXPECT_EQ(rtcache_GetCachedEvents(kEid, nullptr, &chObj), 2u);
-    EXPECT_EQ(rtcache_GetCachedEvents(kEid, &events, nullptr), 2u);
-    EXPECT_TRUE(trace_has(2, "<-- err1"));
+    EXPECT_EQ((Codes{take(0x40).rc, rtcache_GetCachedEvents(kEid, nullptr, &chObj),
+                     rtcache_GetCachedEvents(kEid, &events, nullptr)}),
+              (Codes{1, 2, 2}));
     vornhost_fail(VORNHOST_SMMutexLock, 0, 1);
-    EXPECT_EQ(take().rc, 3u);
-    EXPECT_TRUE(trace_has(2, "<-- err3"));
-    EXPECT_EQ(alloc_calls(), calls);
+    EXPECT_EQ((Codes{take().rc, alloc_calls() - calls}), (Codes{3, 0}));
+    EXPECT_TRUE(trace_has(2, "<-- err2 255") && trace_has(2, "<-- err1") && trace_has(2, "<-- err3"));
 
     // The event copy fails: nothing taken.
     alloc_fail(0, 1);
     Batch failed = take();
-    EXPECT_EQ(failed.rc, 3u);
-    EXPECT_TRUE(trace_has(2, "<-- err4"));
-    EXPECT_EQ(failed.events, nullptr);
-    EXPECT_EQ(ring().u32Count, 1u);
-    EXPECT_EQ(chobj().apRecords[2], disk);
+    EXPECT_EQ((Codes{failed.rc, trace_has(2, "<-- err4"), ring().u32Count}), (Codes{3, 1, 1}));
+    EXPECT_TRUE(failed.events == nullptr && chobj().apRecords[2] == disk);
 
     // The change-object copy fails: the events are lost, the bitmap and slots stay.
     alloc_fail(1, 1);
     failed = take();
-    EXPECT_EQ(failed.rc, 3u);
-    EXPECT_TRUE(trace_has(2, "<-- err5"));
-    EXPECT_EQ(failed.events, nullptr);
-    EXPECT_EQ(failed.chObj, nullptr);
+    // The lost event's record is not released.
+    EXPECT_EQ((Codes{failed.rc, trace_has(2, "<-- err5"), chobj().au8Bitmap[0], alloc_live() - live}),
+              (Codes{3, 1, 0x04, 0}));
+    EXPECT_TRUE(failed.events == nullptr && failed.chObj == nullptr && chobj().apRecords[2] == disk);
     EXPECT_TRUE(all_zero(&ring(), sizeof(RtCacheEventBlock)));
-    EXPECT_EQ(chobj().au8Bitmap[0], 0x04);
-    EXPECT_EQ(chobj().apRecords[2], disk);
-    EXPECT_EQ(alloc_live(), live);  // the lost event's record was not released
     release_event_record(plain);
 
     alloc_fail_clear();
@@ -317,15 +295,13 @@ TEST_F(EventCache, EveryRecordHandedToTheCacheIsReleasedExactlyOnce)
         ASSERT_EQ(record_event(kEid, kChange, kChange, key, event_record("PDR5")), 0u);
         EXPECT_TRUE(trace_has(2, "objKey:" + std::to_string(key) + " has no record slot, event_data released"));
     }
-    EXPECT_EQ(chobj().au8Bitmap[0], 0x11);
-    EXPECT_EQ(chobj().au8Bitmap[37], 0x10);  // key 300 has its bit
-    // Refused, or a type-7 event that keeps only the bit: the caller's.
+    // Key 300 has its bit. Refused, or a type-7 event that keeps only the bit: the record stays the caller's.
     RtCacheEventRecord *kept = event_record("PDR3");
-    EXPECT_EQ(record_event(255, kChange, kChange, 1, kept), 2u);
-    EXPECT_EQ(record_event(0x40, kChange, kChange, 1, kept), 1u);
-    EXPECT_EQ(record_event(kSsdEid, kChange, kChange, 6, kept), 0u);
+    EXPECT_EQ((Codes{chobj().au8Bitmap[0], chobj().au8Bitmap[37], record_event(255, kChange, kChange, 1, kept),
+                     record_event(0x40, kChange, kChange, 1, kept), record_event(kSsdEid, kChange, kChange, 6, kept),
+                     alloc_live() - base}),
+              (Codes{0x11, 0x10, 2, 1, 0, 12}));
     EXPECT_TRUE(all_zero(chobj(kSsdIndex).apRecords, sizeof chobj(kSsdIndex).apRecords));
-    EXPECT_EQ(alloc_live(), base + 12);
     release_event_record(kept);
 
     // Fetched: the caller releases what the batch holds.
@@ -374,11 +350,10 @@ TEST_F(EventCache, DelayedEntriesLieAtTheirByteOffsetsAndWrapLikeTheRing)
     }
     ASSERT_EQ(park(kEid, 8, 9, 385), 0u);
     EXPECT_TRUE(trace_has(2, "exceeded the RTCACHE_EVENTCACHE_DEPTH in delayed cache"));
-    EXPECT_EQ(cache_Events_delayed[kIndex].u32Count, 1u);
-    EXPECT_EQ(cache_Events_delayed[kIndex].entries[0].objKey, 385u);
-    EXPECT_EQ(cache_Events_delayed[kIndex].entries[1].objKey, 7u);
-    EXPECT_EQ(park(255, kPlain, 1, 1), 2u);
-    EXPECT_EQ(park(0x40, kPlain, 1, 1), 1u);
+    const auto &delayed = cache_Events_delayed[kIndex];
+    EXPECT_EQ((Codes{delayed.u32Count, delayed.entries[0].objKey, delayed.entries[1].objKey, park(255, kPlain, 1, 1),
+                     park(0x40, kPlain, 1, 1)}),
+              (Codes{1, 385, 7, 2, 1}));
 }
 
 TEST_F(EventCache, PurgeAppendsInParkingOrderAndMergesTheBitmap)
@@ -392,16 +367,13 @@ TEST_F(EventCache, PurgeAppendsInParkingOrderAndMergesTheBitmap)
     trace_start();
 
     ASSERT_EQ(purge(kEid, 0x1234), 0u);
-    EXPECT_EQ(ring().u32Count, 3u);
-    EXPECT_EQ(ring().entries[1].objType, 3u);
-    EXPECT_EQ(ring().entries[1].eventType, 5u);
-    EXPECT_EQ(ring().entries[1].objKey, 11u);
-    EXPECT_EQ(ring().entries[2].objKey, 12u);
+    // The delayed entries stay beyond its count.
+    const auto &delayed = cache_Events_delayed[kIndex];
+    EXPECT_EQ((Codes{ring().u32Count, ring().entries[1].objType, ring().entries[1].eventType, ring().entries[1].objKey,
+                     ring().entries[2].objKey, chobj().au8Bitmap[0], chobj().au8Bitmap[1], delayed.u32Count,
+                     delayed.entries[0].objKey}),
+              (Codes{3, 3, 5, 11, 12, 1, 2, 0, 11}));
     EXPECT_EQ(ring().entries[2].event_data, nullptr);
-    EXPECT_EQ(chobj().au8Bitmap[0], 0x01);
-    EXPECT_EQ(chobj().au8Bitmap[1], 0x02);
-    EXPECT_EQ(cache_Events_delayed[kIndex].u32Count, 0u);
-    EXPECT_EQ(cache_Events_delayed[kIndex].entries[0].objKey, 11u);  // the entries stay beyond the count
     EXPECT_TRUE(all_zero(&cache_Events_PD_ChObj_delayed[kIndex], RTCACHE_PDCHOBJ_BITMAP_BYTES));
     EXPECT_TRUE(trace_has(4, "--> entry, with EID:33, dcmdOpcode:4660"));
     // Every differing byte is traced, also where the delayed one adds nothing.
@@ -422,13 +394,10 @@ TEST_F(EventCache, PurgeAppendsInParkingOrderAndMergesTheBitmap)
     ASSERT_EQ(park(kEid, 7, 8, 13), 0u);
     ASSERT_EQ(purge(kEid, 2), 0u);
     EXPECT_TRUE(trace_has(4, "Purging older events. u32Count:385"));
-    EXPECT_EQ(ring().u32Count, 1u);
-    EXPECT_EQ(ring().entries[0].objType, 7u);
-    EXPECT_EQ(ring().entries[0].objKey, 13u);
+    EXPECT_EQ(
+        (Codes{ring().u32Count, ring().entries[0].objType, ring().entries[0].objKey, purge(255, 1), purge(0x40, 1)}),
+        (Codes{1, 7, 13, 2, 1}));
     EXPECT_EQ(ring().entries[0].event_data, record);
-
-    EXPECT_EQ(purge(255, 1), 2u);
-    EXPECT_EQ(purge(0x40, 1), 1u);
     EXPECT_TRUE(trace_has(2, "<-- err2 255"));
     release_event_record(record);
 }

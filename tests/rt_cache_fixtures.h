@@ -17,48 +17,56 @@
 
 namespace rtvox::test::cache {
 
-// Registers `eid` in registry slot `slot` with an EID type, under the lock.
-inline void add_eid(uint8_t slot, uint8_t eid, uint8_t type = RTCACHE_EIDTYPE_TAVO)
+// Calls `fn` under the cache lock, as the service does.
+template <typename Fn, typename... Args>
+auto locked(Fn fn, Args... args)
 {
-    ASSERT_EQ(rtcache_GetLock(), 0u);
-    const uint32_t rc = rtcache_SetCachedObject(RTCACHE_KEY_STORAGEEID, eid, slot, &eid);
+    EXPECT_EQ(rtcache_GetLock(), 0u);
+    const auto rc = fn(args...);
     SMMutexUnLock(mutexRtCache);
-    ASSERT_EQ(rc, 0u);
-    ASSERT_EQ(rtcache_SetStorageEIDType(eid, type), 0u);
+    return rc;
 }
 
 inline uint32_t store(RtCacheKeyType keyType, uint32_t eid, uint32_t key, void *object)
 {
-    EXPECT_EQ(rtcache_GetLock(), 0u);
-    const uint32_t rc = rtcache_SetCachedObject(keyType, eid, key, object);
-    SMMutexUnLock(mutexRtCache);
-    return rc;
+    return locked(rtcache_SetCachedObject, keyType, eid, key, object);
 }
 
 inline uint32_t fetch(RtCacheKeyType keyType, uint32_t eid, uint32_t key, void **object)
 {
-    EXPECT_EQ(rtcache_GetLock(), 0u);
-    const uint32_t rc = rtcache_GetCachedObject(keyType, eid, key, object);
-    SMMutexUnLock(mutexRtCache);
-    return rc;
+    return locked(rtcache_GetCachedObject, keyType, eid, key, object);
+}
+
+// Registers `eid` in registry slot `slot` with an EID type.
+inline void add_eid(uint8_t slot, uint8_t eid, uint8_t type = RTCACHE_EIDTYPE_TAVO)
+{
+    ASSERT_EQ(store(RTCACHE_KEY_STORAGEEID, eid, slot, &eid), 0u);
+    ASSERT_EQ(rtcache_SetStorageEIDType(eid, type), 0u);
 }
 
 // ---- cached copies, as a poll pass makes them ------------------------------------
 
-// A physical disk with name, FQDD (own copy unless version is 0), key id and a
-// two-entry list.
-inline RtPhysicalDisk *cached_pd(uint32_t id, const std::wstring &name = L"Physical Disk 0:1:0", uint32_t version = 1)
+// A source record of any kind with its object type, NAME and hdr.FQDD
+// (version 1); the texts must outlive it.
+template <typename Rec = RtRecord>
+Rec head_source(const wchar_t *name, const wchar_t *fqdd, uint32_t objType = 9)
 {
-    std::wstring nameText = name;
-    std::wstring fqdd = L"Disk.Bay." + std::to_wstring(id) + L":Enclosure.Internal.0-1:RAID.Slot.1-1";
+    Rec source{};
+    source.objType = objType;
+    source.NAME = const_cast<wchar_t *>(name);
+    source.hdr.VERSION = 1;
+    source.hdr.FQDD = const_cast<wchar_t *>(fqdd);
+    return source;
+}
+
+// A physical disk with name, FQDD, key id and a two-entry list.
+inline RtPhysicalDisk *cached_pd(uint32_t id, const std::wstring &name = L"Physical Disk 0:1:0")
+{
+    const std::wstring fqdd = L"Disk.Bay." + std::to_wstring(id) + L":Enclosure.Internal.0-1:RAID.Slot.1-1";
     uint32_t list[2] = {id, id + 1};
     char keyId[RTRAID_KEYID_SIZE] = {};
     std::snprintf(keyId, sizeof keyId, "KEY-%u", id);
-    RtPhysicalDisk source{};
-    source.objType = RTRAID_OBJTYPE_PHYSICALDISK;
-    source.NAME = nameText.data();
-    source.hdr.VERSION = version;
-    source.hdr.FQDD = fqdd.data();
+    auto source = head_source<RtPhysicalDisk>(name.c_str(), fqdd.c_str(), RTRAID_OBJTYPE_PHYSICALDISK);
     source.id = id;
     source.listCount = 2;
     source.listEntries = list;
@@ -102,14 +110,10 @@ inline RtPhysicalDisk *disk_of(const void *node)
 
 inline RtVirtualDisk *cached_vd(uint32_t id)
 {
-    std::wstring name = L"Virtual Disk " + std::to_wstring(id);
-    std::wstring fqdd = L"Disk.Virtual." + std::to_wstring(id) + L":RAID.Slot.1-1";
+    const std::wstring name = L"Virtual Disk " + std::to_wstring(id);
+    const std::wstring fqdd = L"Disk.Virtual." + std::to_wstring(id) + L":RAID.Slot.1-1";
     int32_t targets[2] = {0, 1};
-    RtVirtualDisk source{};
-    source.objType = RTRAID_OBJTYPE_LOGICALDISK;
-    source.NAME = name.data();
-    source.hdr.VERSION = 1;
-    source.hdr.FQDD = fqdd.data();
+    auto source = head_source<RtVirtualDisk>(name.c_str(), fqdd.c_str(), RTRAID_OBJTYPE_LOGICALDISK);
     source.targetCount = 2;
     source.targetIDs = targets;
     auto *copy = static_cast<RtVirtualDisk *>(rtvox_alloc(RTRAID_RECORD_SIZE));
@@ -120,42 +124,22 @@ inline RtVirtualDisk *cached_vd(uint32_t id)
 // An adapter with all three texts, eight slot texts and three entries.
 inline RtAdapter *cached_adapter(const std::wstring &fqdd = L"RAID.Slot.1-1")
 {
-    std::wstring name = L"RAID Controller in Slot 1";
-    std::wstring fqddText = fqdd;
-    std::wstring extra = L"extra";
-    std::wstring slotText = L"slot";
+    const std::wstring name = L"RAID Controller in Slot 1", extra = L"extra", slotText = L"slot";
     uint8_t entries[3 * 60] = {};
-    RtAdapter source{};
-    source.objType = RTRAID_OBJTYPE_ADAPTER;
-    source.NAME = name.data();
-    source.hdr.VERSION = 1;
-    source.hdr.FQDD = fqddText.data();
-    source.EXTRA = extra.data();
+    auto source = head_source<RtAdapter>(name.c_str(), fqdd.c_str(), RTRAID_OBJTYPE_ADAPTER);
+    source.EXTRA = const_cast<wchar_t *>(extra.c_str());
     source.entryMask = 0x7;
     source.entryArray = reinterpret_cast<RtAdapterEntry *>(entries);
     for (RtAdapterTextSlot &slot : source.textSlots) {
-        slot.pText = slotText.data();
+        slot.pText = const_cast<wchar_t *>(slotText.c_str());
     }
     return DupAdapter(&source);
 }
 
-// A head-only record (battery, driver, temperature probe) with NAME and FQDD.
-inline RtRecord head_source(std::wstring &name, std::wstring &fqdd, uint32_t objType = 9)
-{
-    RtRecord source{};
-    source.objType = objType;
-    source.NAME = name.data();
-    source.hdr.VERSION = 1;
-    source.hdr.FQDD = fqdd.data();
-    return source;
-}
-
 inline RtBattery *cached_battery()
 {
-    std::wstring name = L"Battery";
-    std::wstring fqdd = L"Battery.Integrated.1:RAID.Slot.1-1";
-    const RtRecord source = head_source(name, fqdd);
-    return rtraid_DupBattery(reinterpret_cast<const RtBattery *>(&source));
+    const auto source = head_source<RtBattery>(L"Battery", L"Battery.Integrated.1:RAID.Slot.1-1");
+    return rtraid_DupBattery(&source);
 }
 
 // A controller node with every member the release walks know about.
@@ -165,15 +149,11 @@ inline RtCacheCtrlNode *cached_node(uint32_t nodeType = RTCACHE_NODE_CONTROLLER)
     node->u32NodeType = nodeType;
     node->pAdapter = cached_adapter();
     node->pBattery = cached_battery();
-    std::wstring name = L"Driver";
-    std::wstring fqdd = L"Driver.1";
-    const RtRecord driver = head_source(name, fqdd);
+    const RtRecord driver = head_source(L"Driver", L"Driver.1");
     node->pDriver = rtraid_DupDriver(&driver);
     RtAdapterKey key{};
     node->pAdapterKey = rtraid_DupAdapterKey(&key);
-    std::wstring probeName = L"Controller temperature";
-    std::wstring probeFqdd = L"Temperature.1";
-    const RtRecord probe = head_source(probeName, probeFqdd);
+    const RtRecord probe = head_source(L"Controller temperature", L"Temperature.1");
     node->pTempProbe = static_cast<RtTempProbe *>(rtvox_alloc(RTRAID_RECORD_SIZE));
     rtraid_dupTEMPPROBE(&probe, node->pTempProbe);
     node->pPciInfo = static_cast<RtCachePciInfo *>(rtvox_alloc(sizeof(RtCachePciInfo)));
@@ -207,10 +187,7 @@ inline void release_event_record(void *event_data)
 // Records one event under the lock, as an event thread does.
 inline uint32_t record_event(uint32_t eid, uint32_t objType, uint32_t eventType, uint32_t key, void *record = nullptr)
 {
-    EXPECT_EQ(rtcache_GetLock(), 0u);
-    const uint32_t rc = rtcache_SetCachedEvent_roll_up(eid, objType, eventType, key, record);
-    SMMutexUnLock(mutexRtCache);
-    return rc;
+    return locked(rtcache_SetCachedEvent_roll_up, eid, objType, eventType, key, record);
 }
 
 // A cache set up on a private root with trace capture on, destroyed after

@@ -1,6 +1,9 @@
-// The cache core: init and destroy, the storage-element registry and the
-// store and fetch of cached objects by key type.
+// The cache core: init and destroy, the storage-element registry, the store
+// and fetch of cached objects by key type, the HBA communication status table
+// and the polling sleep.
+#include <chrono>
 #include <cstring>
+#include <regex>
 #include <vector>
 
 #include "rt_cache_fixtures.h"
@@ -261,6 +264,102 @@ TEST_F(CachedObjects, KeyBoundsAtBothEdgesForStoreAndFetch)
     // The extender store names the backplane limit but prints the extender one.
     EXPECT_TRUE(trace_has(4, "PCIeSSD Cache max_pciessd_backplanes=3 u16ObjKey=16") &&
                 trace_has(4, "PCIeSSD Cache max_pciessd_extndrs=3 u16ObjKey=16"));
+}
+
+// ---- the HBA communication status table, the polling sleep ------------------------------
+
+uint32_t set(uint8_t ctrl, uint8_t status)
+{
+    return rtmpi2_SetHBACommunicationStatus(static_cast<uint32_t>(ctrl) | (static_cast<uint32_t>(status) << 8));
+}
+
+// {status, result} of one lookup; the status starts at 0xEE.
+Codes lookup(uint8_t ctrl)
+{
+    RtHbaCommStatus record{ctrl, 0xEE};
+    const uint32_t rc = rtmpi2_GetHBACommunicationStatus(&record);
+    return {record.u8CommStatus, rc};
+}
+
+// {controller, status} of a table slot.
+Codes slot(int index)
+{
+    return {g_rtpil_HBA_Communication_Status[index].u8CtrlNum, g_rtpil_HBA_Communication_Status[index].u8CommStatus};
+}
+
+using HbaTable = CacheLifecycle;  // no cache needed
+
+TEST_F(HbaTable, ControllersClaimSlotsInOrderAndControllerZeroUsesTheFirstFreeOne)
+{
+    // Before any update only controller 0 is answered, from a free slot.
+    EXPECT_EQ(lookup(1), (Codes{0xEE, 0xFFFFFFFF}));
+    EXPECT_EQ(lookup(0), (Codes{0, 0}));
+    EXPECT_TRUE(trace_has(4, "rt_cache.c:rtmpi2_GetHBACommunicationStatus:"));
+    EXPECT_TRUE(trace_has(4, "Unable to get HBA Comm status for ctrl:1"));
+    EXPECT_TRUE(trace_has(5, "Read HBA I2C Comm status:0 for ctrl:0 at index:0"));
+    // A first update claims a slot, later ones overwrite it; controller 0 writes
+    // the first free slot without claiming it, and the next new controller takes it.
+    EXPECT_EQ((Codes{set(4, 1), set(9, 2), set(4, 7), set(0, 5)}), (Codes{0, 0, 0, 0}));
+    EXPECT_TRUE(trace_has(5, "First time Set HBA I2C Comm status:2 for ctrl:9 at index:1"));
+    EXPECT_TRUE(trace_has(5, "Set HBA I2C Comm status:7 for ctrl:4 at index:0"));
+    EXPECT_EQ(slot(2), (Codes{0, 5}));
+    EXPECT_EQ(lookup(0), (Codes{5, 0}));
+    EXPECT_EQ(set(8, 6), 0u);
+    EXPECT_EQ((Codes{slot(0)[0], slot(1)[0], slot(2)[0]}), (Codes{4, 9, 8}));
+    EXPECT_EQ((Codes{lookup(4)[0], lookup(9)[0], lookup(8)[0]}), (Codes{7, 2, 6}));
+
+    // Twelve controllers fill the table: a thirteenth is refused and the twelve stay updatable.
+    for (uint8_t ctrl = 20; ctrl < 29; ++ctrl) {
+        ASSERT_EQ(set(ctrl, ctrl), 0u);
+    }
+    trace_start();
+    EXPECT_EQ(set(13, 1), 0xFFFFFFFFu);
+    EXPECT_TRUE(trace_has(4, "Unable to set HBA Comm status for ctrl:13"));
+    EXPECT_EQ(slot(12)[0], 0);  // the 13th pair is never used
+    EXPECT_EQ(set(28, 99), 0u);
+    EXPECT_EQ(lookup(28), (Codes{99, 0}));
+    EXPECT_EQ(lookup(13), (Codes{0xEE, 0xFFFFFFFF}));
+    EXPECT_EQ(lookup(0), (Codes{0xEE, 0xFFFFFFFF}));  // no free slot left to answer for 0
+}
+
+TEST_F(HbaTable, NullLookupRepeatsTheEntryLineAndCopiesIt)
+{
+    EXPECT_EQ(rtmpi2_GetHBACommunicationStatus(nullptr), 0xFFFFFFFFu);
+    const auto lines = trace_lines();
+    ASSERT_EQ(lines.size(), 2u);
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_TRUE(std::regex_match(lines[i], std::regex("L" + std::to_string(5 - i) +
+                                                          R"( rt_cache\.c:rtmpi2_GetHBACommunicationStatus:\d+:-->  )"
+                                                          R"(rtmpi2_GetHBACommunicationStatus)")));
+    }
+    EXPECT_NE(root.read("/var/log/rtvox.log").find("] -->  rtmpi2_GetHBACommunicationStatus\n"), std::string::npos);
+}
+
+int g_predicate_calls = 0;
+int32_t g_predicate_answer = 1;
+int32_t predicate()
+{
+    ++g_predicate_calls;
+    return g_predicate_answer;
+}
+
+TEST(PollingSleep, PredicateIsAskedAfterEachSleep)
+{
+    using clock = std::chrono::steady_clock;
+    rtvox_sleep(1, 0, predicate);
+    EXPECT_EQ(g_predicate_calls, 0);
+    rtvox_sleep(0, 4, predicate);
+    EXPECT_EQ(g_predicate_calls, 4);
+
+    g_predicate_answer = 0;  // stop at once
+    const auto start = clock::now();
+    rtvox_sleep(1, 5, predicate);
+    const auto elapsed = clock::now() - start;
+    EXPECT_EQ(g_predicate_calls, 5);
+    EXPECT_GE(elapsed, std::chrono::milliseconds(1000));
+    EXPECT_LT(elapsed, std::chrono::milliseconds(1900));
+
+    rtvox_sleep(0, 3, nullptr);  // no predicate: just the sleeps
 }
 
 }  // namespace

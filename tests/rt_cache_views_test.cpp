@@ -14,6 +14,9 @@ using ::testing::ElementsAre;
 
 namespace {
 
+// Results of several calls, made in order (a braced list is evaluated left to right).
+using Codes = std::vector<int64_t>;
+
 constexpr uint8_t kEid = 0x21;  // RAID controller, adapter index 2
 constexpr uint8_t kHba = 0x22;  // host bus adapter, adapter index 0
 constexpr uint32_t kIndex = 2;
@@ -121,30 +124,27 @@ TEST_F(Views, ControllerAndBatteryLookupsReturnTheCachesOwnStrings)
 
     EXPECT_EQ(rtcache_GetAdapterFQDD(kEid), raid->pAdapter->hdr.FQDD);  // the cache's own string
     EXPECT_EQ(rtcache_GetBatteryFQDD(kEid), raid->pBattery->hdr.FQDD);
-    EXPECT_TRUE(trace_has(4, "<-- rtcache_GetAdapterFQDD type=0"));
     EXPECT_STREQ(rtcache_GetAdapterFQDD(kHba), L"SAS.Slot.4-1");
-    EXPECT_TRUE(trace_has(4, "<-- rtcache_GetAdapterFQDD type=3"));
+    EXPECT_TRUE(trace_has(4, "<-- rtcache_GetAdapterFQDD type=0") && trace_has(4, "<-- rtcache_GetAdapterFQDD type=3"));
 
-    trace_start();
-    EXPECT_EQ(rtcache_GetBatteryFQDD(kHba), nullptr);  // type 3 has no battery, even when one is set
-    EXPECT_EQ(rtcache_GetAdapterFQDD(0x23), nullptr);
-    EXPECT_EQ(rtcache_GetBatteryFQDD(0x23), nullptr);
-    EXPECT_EQ(rtcache_GetAdapterFQDD(300), nullptr);
-    EXPECT_EQ(trace_count("<-- error4"), 1);
-    EXPECT_EQ(trace_count("<-- error2"), 2);
+    // Type 3 has no battery, even when one is set.
+    const auto misses = [](auto... calls) {
+        trace_start();
+        EXPECT_EQ((std::vector<const wchar_t *>{calls()...}), std::vector<const wchar_t *>(sizeof...(calls)));
+        return Codes{trace_count("<-- error1"), trace_count("<-- error2"), trace_count("<-- error3"),
+                     trace_count("<-- error4"), trace_count("<-- error")};
+    };
+    EXPECT_EQ(misses([] { return rtcache_GetBatteryFQDD(kHba); }, [] { return rtcache_GetAdapterFQDD(0x23); },
+                     [] { return rtcache_GetBatteryFQDD(0x23); }, [] { return rtcache_GetAdapterFQDD(300); }),
+              (Codes{1, 2, 0, 1, 4}));
     EXPECT_TRUE(trace_has(2, "<-- error1"));
-
     rtcache_FreeRMObjects(std::exchange(raid->pBattery, nullptr), 1);
     RtAdapter *hbaAdapter = std::exchange(hba->pAdapter, nullptr);
-    trace_start();
-    EXPECT_EQ(rtcache_GetBatteryFQDD(kEid), nullptr);
-    EXPECT_EQ(rtcache_GetAdapterFQDD(kHba), nullptr);
+    EXPECT_EQ(misses([] { return rtcache_GetBatteryFQDD(kEid); }, [] { return rtcache_GetAdapterFQDD(kHba); }),
+              (Codes{0, 0, 1, 1, 2}));
     EXPECT_TRUE(trace_has(2, "<-- error3"));
-    EXPECT_EQ(trace_count("<-- error4"), 1);
     hba->u32NodeType = 5;  // neither kind: null without a message
-    trace_start();
-    EXPECT_EQ(rtcache_GetAdapterFQDD(kHba), nullptr);
-    EXPECT_EQ(trace_count("<-- error"), 0);
+    EXPECT_EQ(misses([] { return rtcache_GetAdapterFQDD(kHba); }), (Codes{0, 0, 0, 0, 0}));
     SMMutexUnLock(mutexRtCache);
     hba->pAdapter = hbaAdapter;
 }
@@ -218,20 +218,18 @@ TEST_F(Views, EventsByObjTypePicksTheKeysInOrder)
     block.entries[3] = {3, 3, 11, nullptr};  // beyond the count
     uint16_t count = 99;
     uint32_t *keys = nullptr;
-    ASSERT_EQ(rtcache_GetEventsByObjType(&block, 3, &count, &keys), 0u);
-    ASSERT_EQ(count, 2u);
+    ASSERT_EQ((Codes{rtcache_GetEventsByObjType(&block, 3, &count, &keys), count}), (Codes{0, 2}));
     EXPECT_THAT(std::vector<uint32_t>(keys, keys + 2), ElementsAre(7u, 9u));
     rtvox_free(keys);
-    ASSERT_EQ(rtcache_GetEventsByObjType(&block, 5, &count, &keys), 0u);
-    EXPECT_EQ(count, 0u);
-    EXPECT_NE(keys, nullptr);
+    EXPECT_EQ((Codes{rtcache_GetEventsByObjType(&block, 5, &count, &keys), count, keys != nullptr}), (Codes{0, 0, 1}));
     rtvox_free(keys);
     EXPECT_EQ(alloc_live(), base);
 
-    EXPECT_EQ(rtcache_GetEventsByObjType(&block, 10, &count, &keys), 2u);
-    EXPECT_EQ(rtcache_GetEventsByObjType(nullptr, 3, &count, &keys), 2u);
-    EXPECT_EQ(rtcache_GetEventsByObjType(&block, 3, nullptr, &keys), 2u);
-    EXPECT_EQ(trace_count("<-- warning1 rtcache_GetEventsByObjType"), 3);
+    EXPECT_EQ((Codes{rtcache_GetEventsByObjType(&block, 10, &count, &keys),
+                     rtcache_GetEventsByObjType(nullptr, 3, &count, &keys),
+                     rtcache_GetEventsByObjType(&block, 3, nullptr, &keys),
+                     trace_count("<-- warning1 rtcache_GetEventsByObjType")}),
+              (Codes{2, 2, 2, 3}));
     block.u32Count = 0x10000;
     EXPECT_EQ(rtcache_GetEventsByObjType(&block, 3, &count, &keys), 2u);
     EXPECT_TRUE(trace_has(3, "<-- warning2 rtcache_GetEventsByObjType"));
@@ -241,10 +239,9 @@ TEST_F(Views, EventsByObjTypePicksTheKeysInOrder)
     EXPECT_EQ(rtcache_GetEventsByObjType(&block, 3, &count, &keys), 3u);
     EXPECT_TRUE(trace_has(2, "<-- error1 rtcache_GetEventsByObjType"));
     alloc_fail(1, 1);
-    EXPECT_EQ(rtcache_GetEventsByObjType(&block, 3, &count, &keys), 3u);
-    EXPECT_EQ(keys, nullptr);
-    EXPECT_EQ(count, 2u);
-    EXPECT_EQ(alloc_live(), base);
+    EXPECT_EQ(
+        (Codes{rtcache_GetEventsByObjType(&block, 3, &count, &keys), keys == nullptr, count, alloc_live() - base}),
+        (Codes{3, 1, 2, 0}));
 }
 
 // ---- the synthetic event block -------------------------------------------------------------
@@ -301,34 +298,27 @@ TEST_F(Views, ControllerWithDisksEnclosuresAndVirtualDisksEntryByEntry)
                                                    Entry{7, 3, 0}, Entry{7, 3, 0}, Entry{2, 3, 0}, Entry{2, 3, 0},
                                                    Entry{3, 3, 0}, Entry{3, 3, 0}, Entry{5, 3, 0}, Entry{0, 3, 0}));
     // Change events mark what they visit.
-    EXPECT_EQ(word_at(node->pAdapter, 96), 0x20005u);
-    EXPECT_TRUE(bytes_are(node->pBattery, 64, 8, 0));
-    EXPECT_EQ(disk0->state, 0u);
-    EXPECT_TRUE(bytes_are(vds[0], 84, 8, 0));
-    EXPECT_TRUE(bytes_are(vds[1], 84, 8, 0));
-    EXPECT_TRUE(bytes_are(vds[2], 84, 8, 0xAB));
-    for (RtRecord *visited : {object.apEMM[0], object.apFan[2], object.apTempProbe[0]}) {
-        EXPECT_TRUE(bytes_are(visited, 72, 8, 0));
-    }
-    EXPECT_TRUE(bytes_are(object.apFan[4], 72, 8, 0xEE));
-    EXPECT_TRUE(bytes_are(object.apPSU[1], 72, 8, 0xEE));
+    EXPECT_EQ((Codes{word_at(node->pAdapter, 96), disk0->state == 0, bytes_are(node->pBattery, 64, 8, 0),
+                     bytes_are(vds[0], 84, 8, 0), bytes_are(vds[1], 84, 8, 0), bytes_are(vds[2], 84, 8, 0xAB),
+                     bytes_are(object.apEMM[0], 72, 8, 0), bytes_are(object.apFan[2], 72, 8, 0),
+                     bytes_are(object.apTempProbe[0], 72, 8, 0), bytes_are(object.apFan[4], 72, 8, 0xEE),
+                     bytes_are(object.apPSU[1], 72, 8, 0xEE)}),
+              (Codes{0x20005, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1}));
     rtvox_free(block);
 
     // A second conversion counts on: 28 entries, the list again from entry 2.
     mark_all();
     ASSERT_EQ(convert(kEid, 7, &block), 0u);
-    EXPECT_EQ(alloc_live_bytes(), bytes + 4 + 28 * 16);
-    EXPECT_EQ(block->u32Count, 28u);
+    EXPECT_EQ((Codes{alloc_live_bytes() - bytes, block->u32Count}), (Codes{4 + 28 * 16, 28}));
     const std::vector<Entry> second = entries_of(block, 28);
+    EXPECT_THAT(std::vector(second.begin() + 14, second.begin() + 17),
+                ElementsAre(Entry{5, 7, 0}, Entry{0, 7, 0}, Entry{0, 0, 0}));
     EXPECT_EQ(second[2], (Entry{4, 7, 0}));
-    EXPECT_EQ(second[14], (Entry{5, 7, 0}));
-    EXPECT_EQ(second[15], (Entry{0, 7, 0}));
-    EXPECT_EQ(second[16], (Entry{0, 0, 0}));
-    EXPECT_TRUE(bytes_are(object.apEMM[1], 72, 8, 0));  // whatever the event type
-    // The controller, battery and virtual disks are marked for change events only.
-    EXPECT_EQ(word_at(node->pAdapter, 96), 0x05u);
-    EXPECT_TRUE(bytes_are(node->pBattery, 64, 8, 0xFF));
-    EXPECT_TRUE(bytes_are(vds[1], 84, 8, 0xAB));
+    // Elements are marked whatever the event type; the controller, battery and
+    // virtual disks for change events only.
+    EXPECT_EQ((Codes{bytes_are(object.apEMM[1], 72, 8, 0), word_at(node->pAdapter, 96),
+                     bytes_are(node->pBattery, 64, 8, 0xFF), bytes_are(vds[1], 84, 8, 0xAB)}),
+              (Codes{1, 0x05, 1, 1}));
     rtvox_free(block);
 }
 

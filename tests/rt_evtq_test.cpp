@@ -1,13 +1,19 @@
-// The event queue, one thread at a time (plus blocked consumers): results,
-// ownership of records, trace lines and the failure paths.
+// The event queue: results, ownership of records, trace lines and the
+// failure paths, then several producer and consumer threads. The
+// *Concurrency suite also runs under drd (i386-valgrind preset), with
+// smaller counts.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
+#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
 #include <future>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "rt_sync_fixtures.h"
@@ -64,9 +70,7 @@ TEST_F(EventQueueTest, LifeCycleWithItsFailuresAndKeptLeaks)
         } else {
             vornhost_fail(c.fn, 0, 1);
         }
-        EXPECT_EQ(rtraid_EventQueue_Init(), -1);
-        EXPECT_EQ(gpRtraid_EventQueue, nullptr);
-        EXPECT_EQ(alloc_live(), 0);
+        EXPECT_EQ((Codes{rtraid_EventQueue_Init(), gpRtraid_EventQueue != nullptr, alloc_live()}), (Codes{-1, 0, 0}));
         EXPECT_EQ((std::array{vornhost_call_count(VORNHOST_SMMutexCreate), vornhost_call_count(VORNHOST_SMEventCreate),
                               vornhost_call_count(VORNHOST_SMMutexDestroy)}),
                   c.calls);
@@ -76,30 +80,26 @@ TEST_F(EventQueueTest, LifeCycleWithItsFailuresAndKeptLeaks)
     }
     ASSERT_EQ(rtraid_EventQueue_Init(), 0);
     RtraidEventQueue *first = gpRtraid_EventQueue;
-    EXPECT_EQ(vornhost_mutex_state(first->mutex), 0);  // live and free
-    EXPECT_EQ(vornhost_event_state(first->event), 0);  // live and clear
-    EXPECT_EQ(first->head, nullptr);
-    EXPECT_EQ(alloc_live_bytes(), 16);
-    EXPECT_EQ(rtraid_EventQueue_GetStatus(), 0);
     Event event{MCTP_CLIENT_CALLBACK_TYPE_EVENT_POWEROFF, 1, {1}};
-    ASSERT_EQ(rtraid_EventQueue_Put(&event), 0);  // Put queues whatever the status
+    // A live, free mutex and a live, clear event. Put queues whatever the status.
+    EXPECT_EQ((Codes{vornhost_mutex_state(first->mutex), vornhost_event_state(first->event), first->head != nullptr,
+                     alloc_live_bytes(), rtraid_EventQueue_GetStatus(), rtraid_EventQueue_Put(&event)}),
+              (Codes{0, 0, 0, 16, 0, 0}));
 
-    // Any status but READY: Get answers at once and a status change signals nobody.
+    // Any status but READY: Get answers at once and leaves the entry; a status change signals nobody.
     vornhost_reset();
     trace_start();
     for (int32_t status : {0, 7, -5}) {
-        EXPECT_EQ(rtraid_EventQueue_SetStatus(status), 0);
-        EXPECT_EQ(rtraid_EventQueue_GetStatus(), status);
-        EXPECT_EQ(rtraid_EventQueue_Get(), nullptr);
+        EXPECT_EQ((Codes{rtraid_EventQueue_SetStatus(status), rtraid_EventQueue_GetStatus(),
+                         rtraid_EventQueue_Get() != nullptr, first->head != nullptr}),
+                  (Codes{0, status, 0, 1}));
     }
-    EXPECT_EQ(vornhost_call_count(VORNHOST_SMEventSet), 0u);
-    EXPECT_EQ(vornhost_call_count(VORNHOST_SMEventWait), 0u);
-    EXPECT_EQ(trace_count("<-- exit, EVTQ is not READY"), 3);
     // Without the mutex the status is refused and stays.
     vornhost_fail(VORNHOST_SMMutexLock, 0, 1);
-    EXPECT_EQ(rtraid_EventQueue_SetStatus(RTRAID_EVTQ_READY), -1);
-    EXPECT_EQ(rtraid_EventQueue_GetStatus(), -5);
-    EXPECT_EQ(vornhost_call_count(VORNHOST_SMMutexUnLock), 3u);
+    EXPECT_EQ((Codes{vornhost_call_count(VORNHOST_SMEventSet), vornhost_call_count(VORNHOST_SMEventWait),
+                     trace_count("<-- exit, EVTQ is not READY"), rtraid_EventQueue_SetStatus(RTRAID_EVTQ_READY),
+                     rtraid_EventQueue_GetStatus(), vornhost_call_count(VORNHOST_SMMutexUnLock)}),
+              (Codes{0, 0, 3, -1, -5, 3}));
     EXPECT_THAT(traces(),
                 Contains("L1 rt_evtq.c:rtraid_EventQueue_SetStatus:#:<-- err mutex failrtraid_EventQueue_SetStatus"));
 
@@ -107,27 +107,22 @@ TEST_F(EventQueueTest, LifeCycleWithItsFailuresAndKeptLeaks)
     // abandons what is queued.
     ASSERT_EQ(rtraid_EventQueue_Init(), 0);
     EXPECT_NE(gpRtraid_EventQueue, first);
-    EXPECT_EQ(gpRtraid_EventQueue->head, nullptr);
-    ASSERT_EQ(rtraid_EventQueue_Put(&event), 0);
-    ASSERT_EQ(rtraid_EventQueue_Put(&event), 0);
+    EXPECT_EQ((Codes{gpRtraid_EventQueue->head != nullptr, rtraid_EventQueue_Put(&event), rtraid_EventQueue_Put(&event),
+                     alloc_live()}),
+              (Codes{0, 0, 0, 8}));  // both headers, three nodes and their copies
     RtraidEventQueueNode *head = gpRtraid_EventQueue->head;
-    EXPECT_EQ(alloc_live(), 8);  // both headers, three nodes and their copies
     vornhost_reset();
     trace_start();
-    EXPECT_EQ(rtraid_EventQueue_Destroy(), 0);
-    EXPECT_EQ(gpRtraid_EventQueue, nullptr);
-    EXPECT_EQ(vornhost_call_count(VORNHOST_SMMutexDestroy), 1u);
-    EXPECT_EQ(vornhost_call_count(VORNHOST_SMEventDestroy), 1u);
-    EXPECT_EQ(alloc_live(), 7);
+    EXPECT_EQ((Codes{rtraid_EventQueue_Destroy(), gpRtraid_EventQueue != nullptr,
+                     vornhost_call_count(VORNHOST_SMMutexDestroy), vornhost_call_count(VORNHOST_SMEventDestroy),
+                     alloc_live()}),
+              (Codes{0, 0, 1, 1, 7}));
 
     // Without a queue every call refuses.
     const uint32_t allocations = alloc_calls();
-    EXPECT_EQ(static_cast<uint32_t>(rtraid_EventQueue_GetStatus()), 0xFFFFFFFFu);
-    EXPECT_EQ(rtraid_EventQueue_SetStatus(1), -1);
-    EXPECT_EQ(rtraid_EventQueue_Put(&event), -1);
-    EXPECT_EQ(rtraid_EventQueue_Get(), nullptr);
-    EXPECT_EQ(rtraid_EventQueue_Destroy(), -1);
-    EXPECT_EQ(alloc_calls(), allocations);
+    EXPECT_EQ((Codes{rtraid_EventQueue_GetStatus(), rtraid_EventQueue_SetStatus(1), rtraid_EventQueue_Put(&event),
+                     rtraid_EventQueue_Get() != nullptr, rtraid_EventQueue_Destroy(), alloc_calls() - allocations}),
+              (Codes{-1, -1, -1, 0, -1, 0}));
     EXPECT_THAT(traces(), Contains("L2 " + kPut + "<-- exit, EVTQ not initialized yet"));
     EXPECT_THAT(traces(), Contains("L2 " + kGet + "<-- exit, gpRtraid_EventQueue is NULL"));
 
@@ -153,9 +148,9 @@ TEST_F(ReadyQueue, RecordsComeOutInOrderAsCopiesOrAsTheTableItself)
     ASSERT_EQ(rtraid_EventQueue_Put(table), 0);
     ASSERT_EQ(rtraid_EventQueue_Put(failed), 0);
     EXPECT_TRUE(trace_has(4, "callbackType:MCTP_CLIENT_CALLBACK_TYPE_ENDPOINT_TABLE"));
-    std::free(failed);           // the caller still owns a non-table record
-    EXPECT_EQ(alloc_live(), 6);  // the table (28 bytes), three nodes, two 9-byte copies
-    EXPECT_EQ(alloc_live_bytes(), 28 + 3 * 8 + 2 * 9);
+    std::free(failed);  // the caller still owns a non-table record
+    // The table (28 bytes), three nodes, two 9-byte copies.
+    EXPECT_EQ((Codes{alloc_live(), alloc_live_bytes()}), (Codes{6, 28 + 3 * 8 + 2 * 9}));
     power_on.buffer[0] = 0x99;
 
     trace_start();
@@ -279,12 +274,10 @@ TEST_F(ReadyQueue, FaultsInPutLoseOnlyWhatTheyMustAndGetGoesOnWithoutItsLock)
         const KeptLeak leak;
         EXPECT_EQ(rtraid_EventQueue_Put(&event), 0);
     }
-    EXPECT_EQ(gpRtraid_EventQueue->head, nullptr);
-    EXPECT_EQ(alloc_live(), 2);
-    EXPECT_EQ(vornhost_event_state(gpRtraid_EventQueue->event), 1);
-    EXPECT_EQ(rtraid_EventQueue_Get(), nullptr);
-    EXPECT_EQ(vornhost_call_count(VORNHOST_SMEventReset), 1u);
-    EXPECT_EQ(vornhost_event_state(gpRtraid_EventQueue->event), 0);
+    EXPECT_EQ((Codes{gpRtraid_EventQueue->head != nullptr, alloc_live(),
+                     vornhost_event_state(gpRtraid_EventQueue->event), rtraid_EventQueue_Get() != nullptr,
+                     vornhost_call_count(VORNHOST_SMEventReset), vornhost_event_state(gpRtraid_EventQueue->event)}),
+              (Codes{0, 2, 1, 0, 1, 0}));
     EXPECT_TRUE(trace_has(2, "<-- exit, no entry"));
 }
 
@@ -307,9 +300,134 @@ TEST_F(ReadyQueue, APutWakesEveryBlockedGetAndOnlyOneGetsTheEntry)
         EXPECT_TRUE(out == nullptr || bytes_of(*out) == bytes_of(event));
         std::free(out);
     }
-    EXPECT_EQ(delivered, 1);
-    EXPECT_EQ(trace_count("<-- exit, no entry"), 2);
-    EXPECT_EQ(vornhost_call_count(VORNHOST_SMEventWait), 3u);
+    EXPECT_EQ((Codes{delivered, trace_count("<-- exit, no entry"), vornhost_call_count(VORNHOST_SMEventWait)}),
+              (Codes{1, 2, 3}));
+}
+
+// ---- several threads ----------------------------------------------------------
+
+constexpr uint32_t kStopType = 0x5709;  // an unknown type: tells one consumer to finish
+
+// `count` consumer threads; each gets records until a stop record and hands
+// the others' tags to take(consumer, tag). Records carry their tag in
+// bufferSize, endpoint tables in their 4-byte payload. Empty wake-ups
+// (another consumer won the entry) are passed over.
+template <typename Take>
+std::vector<std::thread> start_consumers(uint32_t count, Take take)
+{
+    std::vector<std::thread> consumers;
+    for (uint32_t c = 0; c < count; ++c) {
+        consumers.emplace_back([c, take] {
+            Event *event = nullptr;
+            do {
+                std::free(event);
+                event = rtraid_EventQueue_Get();
+                uint32_t tag = event == nullptr ? 0 : event->bufferSize;
+                if (event != nullptr && event->callbackType == MCTP_CLIENT_CALLBACK_TYPE_ENDPOINT_TABLE) {
+                    std::memcpy(&tag, event->buffer, sizeof tag);
+                }
+                if (event != nullptr && event->callbackType != kStopType) {
+                    take(c, tag);
+                }
+            } while (event == nullptr || event->callbackType != kStopType);
+            std::free(event);
+        });
+    }
+    return consumers;
+}
+
+void stop_and_join(std::vector<std::thread> &consumers)
+{
+    Event stop{kStopType, 0, {0}};
+    for (size_t i = 0; i < consumers.size(); ++i) {
+        EXPECT_EQ(rtraid_EventQueue_Put(&stop), 0);
+    }
+    for (auto &consumer : consumers) {
+        consumer.join();
+    }
+}
+
+class EventQueueConcurrency : public ReadyQueue {
+protected:
+    void SetUp() override
+    {
+        // Thousands of lines per second: keep the log file and the capture out of it.
+        root.touch("/flash/data0/oem_ps/rt_vox_log_disabled");
+        ReadyQueue::SetUp();
+        vornhost_trace_capture(0);
+        vornhost_trace_set_level(0);
+    }
+};
+
+TEST_F(EventQueueConcurrency, ProducersAndConsumersMoveEveryRecordOnceAndInOrder)
+{
+    constexpr uint32_t kProducers = 4;
+    const uint32_t per_producer = (valgrind_run() ? 3000 : 100000) / kProducers;
+    // At most 256 records in flight, so the linear append stays cheap.
+    std::mutex window_mutex;
+    std::condition_variable window_cv;
+    uint32_t in_flight = 0;
+    std::vector<std::vector<uint32_t>> received(3);
+    auto consumers = start_consumers(3, [&](uint32_t c, uint32_t tag) {
+        received[c].push_back(tag);
+        std::lock_guard lock(window_mutex);
+        --in_flight;
+        window_cv.notify_all();
+    });
+    std::vector<uint32_t> put_failures(kProducers, 0);
+    std::vector<std::thread> producers;
+    for (uint32_t p = 0; p < kProducers; ++p) {
+        producers.emplace_back([&, p] {
+            Event own{};  // reused: the queue copies it
+            for (uint32_t seq = 0; seq < per_producer; ++seq) {
+                std::unique_lock lock(window_mutex);
+                window_cv.wait(lock, [&] { return in_flight < 256; });
+                ++in_flight;
+                lock.unlock();
+                const uint32_t tag = p << 24 | seq;
+                Event *event = &own;
+                if (seq % 4 == 3) {  // an endpoint table, handed over
+                    event = static_cast<Event *>(std::calloc(1, 8 + sizeof tag));
+                    *event = Event{MCTP_CLIENT_CALLBACK_TYPE_ENDPOINT_TABLE, sizeof tag, {0}};
+                    std::memcpy(event->buffer, &tag, sizeof tag);
+                } else {
+                    own = Event{1 + seq % 4, tag, {0}};  // power on, power off, LPC reset
+                }
+                put_failures[p] += rtraid_EventQueue_Put(event) != 0;
+            }
+        });
+    }
+    for (auto &producer : producers) {
+        producer.join();
+    }
+    stop_and_join(consumers);
+
+    // Every record exactly once; each consumer sees a producer's records in the order put.
+    std::vector<uint32_t> all;
+    uint32_t out_of_order = 0;
+    for (const auto &tags : received) {
+        EXPECT_FALSE(tags.empty()) << "a consumer never got a record";
+        std::vector<int64_t> last(256, -1);
+        for (const uint32_t tag : tags) {
+            out_of_order += static_cast<int64_t>(tag & 0xFFFFFF) <= last[tag >> 24];
+            last[tag >> 24] = tag & 0xFFFFFF;
+        }
+        all.insert(all.end(), tags.begin(), tags.end());
+    }
+    std::sort(all.begin(), all.end());
+    std::vector<uint32_t> expected;
+    for (uint32_t p = 0; p < kProducers; ++p) {
+        for (uint32_t seq = 0; seq < per_producer; ++seq) {
+            expected.push_back(p << 24 | seq);
+        }
+    }
+    EXPECT_EQ(all, expected);
+    EXPECT_EQ(out_of_order, 0u);
+    EXPECT_EQ(put_failures, std::vector<uint32_t>(kProducers, 0));
+    // Every node, copy and table record was freed along the way.
+    EXPECT_EQ(gpRtraid_EventQueue->head, nullptr);
+    EXPECT_EQ(rtraid_EventQueue_Destroy(), 0);
+    EXPECT_EQ(alloc_live(), 0);
 }
 
 }  // namespace

@@ -21,11 +21,8 @@ namespace rtvox::test::sync {
 using namespace std::chrono_literals;
 using namespace std::string_literals;
 
-// The i386-valgrind preset runs the *Concurrency suites under drd.
-inline bool under_valgrind()
-{
-    return valgrind_run();
-}
+// Results of several calls, made in order (a braced list is evaluated left to right).
+using Codes = std::vector<int64_t>;
 
 // The captured trace lines with the line numbers (of the head and of the
 // entry/exit texts) replaced by '#', so expectations survive edits of the source.
@@ -79,7 +76,7 @@ protected:
         alloc_fail_clear();
         vornhost_fail_clear();
     }
-    TimeBound bound{under_valgrind() ? 500u : 90u};
+    TimeBound bound{valgrind_run() ? 500u : 90u};
     TempRoot root;
 };
 

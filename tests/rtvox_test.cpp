@@ -19,6 +19,9 @@ using namespace rtvox::test;
 
 namespace {
 
+// Results of several calls, made in order (a braced list is evaluated left to right).
+using Codes = std::vector<int64_t>;
+
 constexpr const char *kLog = "/var/log/rtvox.log";
 constexpr const char *kBak = "/var/log/rtvox.log.bak";
 constexpr const char *kLogOff = "/flash/data0/oem_ps/rt_vox_log_disabled";
@@ -42,19 +45,26 @@ protected:
     TempRoot root;
 };
 
+// The trace lines captured so far, each with its line number as '#'.
+std::vector<std::string> traced()
+{
+    std::vector<std::string> lines = trace_lines();
+    for (std::string &line : lines) {
+        line = std::regex_replace(line, std::regex(R"(^(L\d \w+\.c:\w+:)\d+:)"), "$1#:");
+    }
+    return lines;
+}
+
 TEST_F(DiagnosticLog, InitRotatesThePreviousRunAndToleratesAMissingLog)
 {
     rt_log_init();  // nothing to rotate yet
-    EXPECT_TRUE(root.exists(kLog));
-    EXPECT_FALSE(root.exists(kBak));
-
+    EXPECT_EQ((Codes{root.exists(kLog), root.exists(kBak)}), (Codes{1, 0}));
     root.touch(kBak, "older run\n");
     root.touch(kLog, "previous run\n");
     rt_log_init();
+    rt_log_Exit();
     EXPECT_EQ(root.read(kBak), "previous run\n");
     EXPECT_EQ(root.read(kLog), "");
-    EXPECT_TRUE(trace_lines().empty());
-    rt_log_Exit();
     EXPECT_TRUE(trace_lines().empty());
 }
 
@@ -62,14 +72,9 @@ TEST_F(DiagnosticLog, UncreatableLogIsTracedAndSilencesWlog)
 {
     std::filesystem::remove_all(root.path("/var/log"));
     rt_log_init();
-    const auto lines = trace_lines();
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_TRUE(std::regex_match(
-        lines[0], std::regex(R"(L1 rtvox\.c:rt_log_init:\d+:Failed to create log file /var/log/rtvox\.log)")))
-        << lines[0];
-    trace_start();
     rtvox_wlog(0, "TAG", L"text");
-    EXPECT_TRUE(trace_lines().empty());
+    EXPECT_EQ(traced(),
+              std::vector<std::string>{"L1 rtvox.c:rt_log_init:#:Failed to create log file /var/log/rtvox.log"});
 }
 
 TEST_F(DiagnosticLog, WlogTracesAtLevelFourAndCopiesWithPrefix)
@@ -79,9 +84,7 @@ TEST_F(DiagnosticLog, WlogTracesAtLevelFourAndCopiesWithPrefix)
     rtvox_wlog(0, nullptr, L"no tag");
     rtvox_wlog(0, "TAG", nullptr);
     rtvox_wlog(7, "DEMO", L"wide text");
-    const auto lines = trace_lines();
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_TRUE(std::regex_match(lines[0], std::regex(R"(L4 rtvox\.c:rtvox_wlog:\d+:\[DEMO\] wide text)"))) << lines[0];
+    EXPECT_EQ(traced(), std::vector<std::string>{"L4 rtvox.c:rtvox_wlog:#:[DEMO] wide text"});
     ASSERT_EQ(log_lines().size(), 1u);
     EXPECT_EQ(copy_line(log_lines().at(0)), "rtvox_wlog|[DEMO] wide text");
 }
@@ -100,23 +103,17 @@ TEST_F(DiagnosticLog, ThousandLinesStayAndTheNextTruncates)
     file = log_lines();
     ASSERT_EQ(file.size(), 1u);
     EXPECT_EQ(copy_line(file[0]), "rtvox_wlog|[N] 1001");
-
-    // The truncating line counts as line 1 of the new file.
+    // The truncating line counted as line 1 of the new file.
     for (int i = 2; i <= 1000; ++i) {
         rtvox_wlog(0, "N", L"x");
     }
     EXPECT_EQ(log_lines().size(), 1000u);
     rtvox_wlog(0, "N", L"again");
     EXPECT_EQ(log_lines().size(), 1u);
-}
-
-TEST_F(DiagnosticLog, DepthCounterRestartsAtOne)
-{
-    const uint32_t expected[] = {0, 0, 1, 0, 1};
-    for (uint32_t want : expected) {
-        EXPECT_EQ(hasLogDepthExceeded(2), want);
-    }
-    EXPECT_EQ(hasLogDepthExceeded(-1), 1u);
+    // The counter itself (at 1 now): past the limit it restarts at one.
+    EXPECT_EQ((Codes{hasLogDepthExceeded(2), hasLogDepthExceeded(2), hasLogDepthExceeded(2), hasLogDepthExceeded(2),
+                     hasLogDepthExceeded(-1)}),
+              (Codes{0, 1, 0, 1, 1}));
 }
 
 TEST_F(DiagnosticLog, DisabledFlagIsReadOncePerProcess)
@@ -139,12 +136,9 @@ TEST_F(DiagnosticLog, HexdumpWritesRowsOfSixteenWithoutTracing)
     EXPECT_EQ(root.read(kLog), "000000: 30 31 32 33" + std::string(12 * 3, ' ') + "  0123\n");
 
     rt_log_init();
-    unsigned char bytes[17];
-    for (int i = 0; i < 17; ++i) {
-        bytes[i] = static_cast<unsigned char>(i == 16 ? 'Z' : 0x41 + i);
-    }
-    bytes[3] = 0x00;
-    bytes[4] = 0x7F;
+    const unsigned char bytes[] =
+        "ABC\0\x7F"
+        "FGHIJKLMNOPZ";
     hexdump(bytes, 17);
     hexdump(bytes, 0);
     hexdump(bytes, -5);
@@ -161,46 +155,36 @@ TEST_F(DiagnosticLog, HexdumpWritesRowsOfSixteenWithoutTracing)
     EXPECT_EQ(log_lines().size(), 1000u);
 }
 
-TEST(Memory, AllocIsZeroFilledAndFreeTakesNull)
-{
-    alloc_reset();
-    auto *p = static_cast<unsigned char *>(rtvox_alloc(64));
-    ASSERT_NE(p, nullptr);
-    EXPECT_EQ(std::count(p, p + 64, 0), 64);
-    EXPECT_EQ(alloc_live(), 1);
-    rtvox_free(p);
-    rtvox_free(nullptr);
-    EXPECT_EQ(alloc_live(), 0);
-    alloc_fail(0, 1);
-    EXPECT_EQ(rtvox_alloc(8), nullptr);
-}
-
-TEST(Memory, TwoDimensionalArray)
+TEST(Memory, AllocFillsWithZerosAndTheTwoDimensionalArrayIsOneBlockOfRows)
 {
     TempRoot root;
     vornhost_reset();
     alloc_reset();
+    auto *p = static_cast<unsigned char *>(rtvox_alloc(64));
+    ASSERT_NE(p, nullptr);
+    EXPECT_EQ((Codes{std::count(p, p + 64, 0), alloc_live()}), (Codes{64, 1}));
+    rtvox_free(p);
+    rtvox_free(nullptr);
     void **rows = rtvox_alloc_2darray(3, 4, 2);
     ASSERT_NE(rows, nullptr);
     auto *base = static_cast<unsigned char *>(rows[0]);
-    EXPECT_EQ(static_cast<unsigned char *>(rows[1]) - base, 8);
-    EXPECT_EQ(static_cast<unsigned char *>(rows[2]) - base, 16);
-    EXPECT_EQ(std::count(base, base + 24, 0), 24);
-    EXPECT_EQ(alloc_live_bytes(), 3 * 4 + 24);
+    EXPECT_EQ((Codes{static_cast<unsigned char *>(rows[1]) - base, static_cast<unsigned char *>(rows[2]) - base,
+                     std::count(base, base + 24, 0), alloc_live_bytes()}),
+              (Codes{8, 16, 24, 3 * 4 + 24}));
     trace_start();
     rtvox_free_2darray(rows, 99);
-    EXPECT_EQ(alloc_live(), 0);
-    EXPECT_EQ(trace_count("rtvox.c:rtvox_free_2darray:"), 2);
-    EXPECT_EQ(trace_count("--> entry  rtvox_free_2darray"), 1);
-    EXPECT_EQ(trace_count("<-- exit  rtvox_free_2darray"), 1);
+    EXPECT_EQ((Codes{alloc_live(), trace_count("rtvox.c:rtvox_free_2darray:"),
+                     trace_count("--> entry  rtvox_free_2darray"), trace_count("<-- exit  rtvox_free_2darray")}),
+              (Codes{0, 2, 1, 1}));
 
     // Without its data block the row table is still filled with offsets from null.
     alloc_fail(1, 1);
     rows = rtvox_alloc_2darray(3, 4, 2);
     ASSERT_NE(rows, nullptr);
-    EXPECT_EQ(reinterpret_cast<uintptr_t>(rows[0]), 0u);
-    EXPECT_EQ(reinterpret_cast<uintptr_t>(rows[2]), 16u);
+    EXPECT_EQ((Codes{reinterpret_cast<intptr_t>(rows[0]), reinterpret_cast<intptr_t>(rows[2])}), (Codes{0, 16}));
     rtvox_free_2darray(rows, 3);
+    alloc_fail(0, 1);
+    EXPECT_EQ(rtvox_alloc(8), nullptr);
     alloc_fail(0, 2);
     EXPECT_EQ(rtvox_alloc_2darray(3, 4, 2), nullptr);
     const int64_t live = alloc_live();
@@ -216,8 +200,7 @@ TEST(Memory, TwoDimensionalArray)
     }
     EXPECT_NE(rows, nullptr);
     rtvox_free(rows);
-    EXPECT_EQ(alloc_calls(), 2u);
-    EXPECT_EQ(alloc_live(), 1);
+    EXPECT_EQ((Codes{alloc_calls(), alloc_live()}), (Codes{2, 1}));
 }
 
 class MarkerFiles : public ::testing::Test {
@@ -227,24 +210,21 @@ protected:
 
 TEST_F(MarkerFiles, InventorySwitchesReadTheReverseOfTheirNamesOnEveryCall)
 {
-    EXPECT_EQ(IsrtvoxHBAInventoryDisabled(), 1u);
-    EXPECT_EQ(IsrtvoxMIRUInventoryDisabled(), 1u);
+    const auto both = [] { return Codes{IsrtvoxHBAInventoryDisabled(), IsrtvoxMIRUInventoryDisabled()}; };
+    EXPECT_EQ(both(), (Codes{1, 1}));
     root.touch("/flash/data0/oem_ps/rt_vox_sashba_disabled");
-    EXPECT_EQ(IsrtvoxHBAInventoryDisabled(), 0u);
-    EXPECT_EQ(IsrtvoxMIRUInventoryDisabled(), 1u);
+    EXPECT_EQ(both(), (Codes{0, 1}));
     root.touch("/flash/data0/oem_ps/rt_vox_miru_disabled");
-    EXPECT_EQ(IsrtvoxMIRUInventoryDisabled(), 0u);
     std::filesystem::remove(root.path("/flash/data0/oem_ps/rt_vox_sashba_disabled"));
-    EXPECT_EQ(IsrtvoxHBAInventoryDisabled(), 1u);
+    EXPECT_EQ(both(), (Codes{1, 0}));
 }
 
 TEST_F(MarkerFiles, StressPollFileParsing)
 {
     int32_t first = 11;
     int32_t second = 22;
-    EXPECT_EQ(IsstressMIRUPollEnabled(&first, &second), 0u);  // no file: outputs untouched
-    EXPECT_EQ(first, 11);
-    EXPECT_EQ(second, 22);
+    // No file: outputs untouched.
+    EXPECT_EQ((Codes{IsstressMIRUPollEnabled(&first, &second), first, second}), (Codes{0, 11, 22}));
 
     const struct {
         const char *content;
@@ -253,24 +233,19 @@ TEST_F(MarkerFiles, StressPollFileParsing)
     for (const auto &c : cases) {
         first = second = 99;
         root.touch("/flash/data0/oem_ps/rt_vox_miru_poll", c.content);
-        EXPECT_EQ(IsstressMIRUPollEnabled(&first, &second), 1u) << c.content;
-        EXPECT_EQ(first, c.first) << c.content;
-        EXPECT_EQ(second, c.second) << c.content;
+        EXPECT_EQ((Codes{IsstressMIRUPollEnabled(&first, &second), first, second}), (Codes{1, c.first, c.second}))
+            << c.content;
     }
     EXPECT_EQ(IsstressMIRUPollEnabled(nullptr, nullptr), 1u);
 }
 
 TEST_F(MarkerFiles, DumpRequestIsConsumedOnceAndStaysWhenItCannotBeRemoved)
 {
-    EXPECT_EQ(IsDumpEnabled(), 0u);
+    const auto first = IsDumpEnabled();
     root.touch("/tmp/rtdump");
-    EXPECT_EQ(IsDumpEnabled(), 1u);
-    EXPECT_FALSE(root.exists("/tmp/rtdump"));
-    EXPECT_EQ(IsDumpEnabled(), 0u);
-
+    EXPECT_EQ((Codes{first, IsDumpEnabled(), root.exists("/tmp/rtdump"), IsDumpEnabled()}), (Codes{0, 1, 0, 0}));
     root.touch("/tmp/rtdump/keep");  // a directory with content cannot be removed
-    EXPECT_EQ(IsDumpEnabled(), 0u);
-    EXPECT_TRUE(root.exists("/tmp/rtdump"));
+    EXPECT_EQ((Codes{IsDumpEnabled(), root.exists("/tmp/rtdump")}), (Codes{0, 1}));
 }
 
 TEST_F(MarkerFiles, LinksPlantedInTmpAreRefusedAndTheirTargetsKept)
