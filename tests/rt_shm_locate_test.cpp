@@ -20,9 +20,9 @@ protected:
     void SetUp() override
     {
         ShmTest::SetUp();
-        register_eid(0, kEid, 7);
-        register_eid(1, kCardEid, 11);
-        register_eid(2, kLostEid, 7);
+        cache::add_eid(0, kEid, 7);
+        cache::add_eid(1, kCardEid, 11);
+        cache::add_eid(2, kLostEid, 7);
         view()[slot_at(0, 2) + 9] = view()[slot_at(1, 6) + 9] = kEid;  // the last match wins
         ApiInfo empty;
         open(empty);

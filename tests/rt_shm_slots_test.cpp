@@ -120,9 +120,9 @@ TEST_F(ShmSlots, NvmeViewScansLetTheLastMatchWin)
     nvme_slot(2, 5, 9, 1);
     nvme_slot(1, 3, 8, 4, 20);
     nvme_slot(2, 7, 9, 1, 20);
-    register_eid(0, 20, 7);
-    register_eid(1, 21, 11);
-    register_eid(2, 23, 7);
+    cache::add_eid(0, 20, 7);
+    cache::add_eid(1, 21, 11);
+    cache::add_eid(2, 23, 7);
 
     uint8_t bay = 0xEE, slot = 0xEE;
     EXPECT_EQ((Codes{RTSHM_readBayIDInfoFromGblSlotNum(&bay, 5), bay}), (Codes{0, 9}));
@@ -150,25 +150,12 @@ TEST_F(ShmSlots, NvmeViewScansLetTheLastMatchWin)
               (Codes{5, 2, 5}));
 }
 
-// Global slot 5: slot 4 of bay 1. The FRU directory lists a card entry, a bay
-// record of bay 2 (PCIe slot 6) and two of bay 1 (PCIe slots 3 and 7).
 class ShmFqdd : public ShmTest {
 protected:
     void SetUp() override
     {
         ShmTest::SetUp();
-        plant();
-    }
-    static void plant()
-    {
-        region(20)[15 + 4 * 5] = 4;
-        nvme_slot(1, 5, 1, 4);
-        uint8_t *dir = region(15);
-        const Bytes head = {0, 0, 4, 0, 9, 2, 0,    0, 0, 1, 0, 0, 6, 3, 0,    0, 200, 0,
-                            0, 0, 3, 3, 0, 0, 0x2C, 1, 0, 0, 7, 3, 0, 0, 0x2C, 1, 0,   0};
-        std::copy(head.begin(), head.end(), dir);
-        dir[201] = 2;
-        dir[301] = 1;
+        plant_global_slot_5();
         alloc_reset();
     }
     static std::string fqdd(uint32_t global)
@@ -215,7 +202,8 @@ TEST_F(ShmFqdd, EachFailureInTurnGivesNull)
         SCOPED_TRACE(c.line);
         vornhost_reset();
         trace_start();
-        plant();
+        plant_global_slot_5();
+        alloc_reset();
         c.arm();
         EXPECT_EQ(fqdd(c.global), "(null)");
         EXPECT_TRUE(trace_has(2, c.line));
