@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "rtvox/rt_kwlogwrp.h"
@@ -98,11 +99,7 @@ TEST_F(KwLog, SuppressionDependsOnPhaseMessageIdAndArguments)
     // One letter per status, without and with an argument string:
     //   normal | past events | inventory | inventory and past events.
     // S submitted (0), I dropped in the inventory phase (0), P dropped during past events (-1).
-    const struct {
-        const char *msgId;
-        const wchar_t *fqdd;
-        const char *outcomes;
-    } rows[] = {
+    const std::tuple<const char *, const wchar_t *, const char *> rows[] = {
         {"CTL97", kDisk, "SSSSIIII"},
         {"PDR16", kDisk, "SSSSSSSS"},
         {"PDR160", kDisk, "SSSSSSSS"},  // only 5 characters are compared
@@ -113,15 +110,15 @@ TEST_F(KwLog, SuppressionDependsOnPhaseMessageIdAndArguments)
         {"ENC28", L"Enclosure.Internal.0-1:RAID.Slot.2-1", "SSSPSSSP"},
     };
     const RTSyncStatus statuses[] = {kNormal, kPastEvents, kInventory, kInventoryPastEvents};
-    for (const auto &row : rows) {
+    for (const auto &[msgId, fqdd, outcomes] : rows) {
         for (int column = 0; column < 8; ++column) {
-            const char outcome = row.outcomes[column];
+            const char outcome = outcomes[column];
             const bool past = (statuses[column / 2].statusFlags & 0x20) == 0;
-            SCOPED_TRACE(std::string(row.msgId) + " column " + std::to_string(column));
+            SCOPED_TRACE(std::string(msgId) + " column " + std::to_string(column));
             RTSync_SetGlobalStatus(statuses[column / 2]);
             vornhost_eventlog_clear();
             trace_start();
-            const int32_t rc = column % 2 == 0 ? submit(row.msgId, row.fqdd, {}) : submit(row.msgId, row.fqdd, {"7"});
+            const int32_t rc = column % 2 == 0 ? submit(msgId, fqdd, {}) : submit(msgId, fqdd, {"7"});
             EXPECT_EQ(rc, outcome == 'P' ? -1 : 0);
             EXPECT_EQ(vornhost_eventlog_count(), outcome == 'S' ? 1u : 0u);
             EXPECT_EQ(outcome == 'S', trace_has(4, "--> exit "));
@@ -137,20 +134,15 @@ TEST_F(KwLog, InvalidInputTracesAllFourLines)
 {
     char *one[] = {const_cast<char *>("x")};
     char *hole[] = {const_cast<char *>("x"), nullptr};
-    const struct {
-        uint32_t severity;
-        const char *msgId;
-        const wchar_t *fqdd;
-        char **args;
-        uint8_t count;
-    } cases[] = {{2, "PDR1", kDisk, one, 6},  {0, "PDR1", kDisk, one, 1},   {4, "PDR1", kDisk, one, 1},
-                 {2, nullptr, kDisk, one, 1}, {2, "PDR1", nullptr, one, 1}, {2, "PDR1", kDisk, nullptr, 1},
-                 {2, "PDR1", kDisk, hole, 2}};
-    for (const auto &c : cases) {
+    const std::tuple<uint32_t, const char *, const wchar_t *, char **, uint8_t> cases[] = {
+        {2, "PDR1", kDisk, one, 6},  {0, "PDR1", kDisk, one, 1},   {4, "PDR1", kDisk, one, 1},
+        {2, nullptr, kDisk, one, 1}, {2, "PDR1", nullptr, one, 1}, {2, "PDR1", kDisk, nullptr, 1},
+        {2, "PDR1", kDisk, hole, 2}};
+    for (const auto &[severity, msgId, fqdd, args, count] : cases) {
         trace_start();
-        EXPECT_EQ(rt_KWLOGCMNSubmitEvent(c.severity, c.msgId, c.fqdd, c.args, c.count), 2);
-        EXPECT_TRUE(trace_has(2, "Error: Inappropriate severity level received:" + std::to_string(c.severity)));
-        EXPECT_TRUE(trace_has(2, "Error: Number of strings input count:" + std::to_string(c.count)));
+        EXPECT_EQ(rt_KWLOGCMNSubmitEvent(severity, msgId, fqdd, args, count), 2);
+        EXPECT_TRUE(trace_has(2, "Error: Inappropriate severity level received:" + std::to_string(severity)));
+        EXPECT_TRUE(trace_has(2, "Error: Number of strings input count:" + std::to_string(count)));
         EXPECT_TRUE(trace_has(2, "Error: args string pointer address:"));
         EXPECT_TRUE(trace_has(2, "Error: MessageID pointer received:"));
         EXPECT_EQ(trace_count("Error: "), 4);
@@ -250,23 +242,22 @@ TEST_F(KwLog, FriendlyNameIntoTheCallersBuffer)
     const struct {
         const wchar_t *fqdd;
         int32_t bufSize;
-        VornHostFunction call;
-        int allocation;
         int32_t result;
         const char *line;
+        VornHostFunction call = kNoCall;
+        int allocation = kNoAllocation;
     } cases[] = {
-        {kDisk, length + 1, kNoCall, kNoAllocation, 0,
-         "FQDD string to be passed to ConvertFQDDToFriendlyName() : Disk.Bay.1:"},
-        {kDisk, length, kNoCall, kNoAllocation, -1, "err4:bufSize is > the friendlyfqdd name len"},
-        {kDisk, -1, kNoCall, kNoAllocation, -1, "err4:bufSize is > the friendlyfqdd name len"},
-        {nullptr, 64, kNoCall, kNoAllocation, -1, "err1:fqdd or msgstr is NULL"},
-        {kDisk, 64, kNoCall, 0, -1, "err2:failed to get memory"},
-        {L"Disk.Bay.1:Enclosure.Internal.0-1:RAID.Integrat\u00e9d.1-1", 64, kNoCall, kNoAllocation, -1,
+        {kDisk, length + 1, 0, "FQDD string to be passed to ConvertFQDDToFriendlyName() : Disk.Bay.1:"},
+        {kDisk, length, -1, "err4:bufSize is > the friendlyfqdd name len"},
+        {kDisk, -1, -1, "err4:bufSize is > the friendlyfqdd name len"},
+        {nullptr, 64, -1, "err1:fqdd or msgstr is NULL"},
+        {kDisk, 64, -1, "err2:failed to get memory", kNoCall, 0},
+        {L"Disk.Bay.1:Enclosure.Internal.0-1:RAID.Integrat\u00e9d.1-1", 64, -1,
          "err3:failed to convert fqdd to multibytes"},
-        {long65535.c_str(), 64, kNoCall, kNoAllocation, -1, "err3:failed to convert fqdd to multibytes"},
-        {long65536.c_str(), 64, kNoCall, kNoAllocation, -1, "err3:failed to convert fqdd to multibytes"},
-        {L"Disk.Bay.1:Unknown.Thing.1", 64, kNoCall, kNoAllocation, -1, "err5 failed to get friendlyName"},
-        {kDisk, 64, VORNHOST_ConvertFQDDToFriendlyName, kNoAllocation, -1, "err5 failed to get friendlyName"},
+        {long65535.c_str(), 64, -1, "err3:failed to convert fqdd to multibytes"},
+        {long65536.c_str(), 64, -1, "err3:failed to convert fqdd to multibytes"},
+        {L"Disk.Bay.1:Unknown.Thing.1", 64, -1, "err5 failed to get friendlyName"},
+        {kDisk, 64, -1, "err5 failed to get friendlyName", VORNHOST_ConvertFQDDToFriendlyName},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.line);

@@ -141,22 +141,20 @@ TEST_F(ShmHotPlug, CommitsChangesAndKeepsPendingStatesThatMatched)
     first.counts(0, 0, 4, 0).drive(0, 1, 3, 4, 5).drive(1, 0, 0, 2, 9).drive(2, 3, 0, 4, 1).drive(3, 0, 32, 1, 1);
     same.counts(0, 0, 1, 0).drive(0, 1, 3, 1, 5);
     changed.counts(0, 0, 1, 0).drive(0, 1, 3, 4, 6);
-    const struct {
-        ApiInfo *record;
-        Ints expected;  // current, pending, change lines, the slot entry's state
-    } steps[] = {
+    // The record reported; the current and pending state, the change lines, the slot entry's state.
+    const std::pair<ApiInfo *, Ints> steps[] = {
         {&first, {5, 0, 1, 5}},    // inserted: committed, pending cleared
         {&same, {5, 5, 0, 5}},     // reported again: no change, pending kept
         {&empty, {5, 5, 0, 5}},    // no longer reported: pending still matches, state kept
         {&changed, {6, 0, 1, 6}},  // a new state is committed
         {&empty, {0, 0, 1, 0}},    // pulled after a commit: reads as absent
     };
-    for (const auto &step : steps) {
+    for (const auto &[record, expected] : steps) {
         trace_start();
-        hotplug(*step.record);
+        hotplug(*record);
         EXPECT_EQ(
             (Ints{states(1, 3)[0], states(1, 3)[1], trace_count("HotPlug:NVMe DriveStatus"), slot_bytes(1, 3)[3]}),
-            step.expected);
+            expected);
     }
     EXPECT_EQ(slot_bytes(1, 3), (Ints{1, 0, 0, 0, 0, 4, 0, 0}));  // bay id and technology from the reports
     EXPECT_EQ(std::string(reinterpret_cast<char *>(view()), slot_at(0, 1)), std::string(slot_at(0, 1), '\0'));

@@ -3,6 +3,8 @@
 #include <cwchar>
 
 #include "rt_cache_release.h"
+#include <tuple>
+
 #include "rt_shm_fixtures.h"
 
 using namespace rtvox::test;
@@ -54,27 +56,24 @@ using ShmInventory = ShmTest;
 
 TEST_F(ShmInventory, ExtendersFirstThenEachBackplaneOnceWithItsFqdd)
 {
-    const struct {
-        int extenderSlot;
-        bool extendersFirst;
-        const wchar_t *fqdd;
-    } cases[] = {
+    // The extender's PCIe slot, whether extenders are inventoried first, the backplane's FQDD.
+    const std::tuple<int, bool, const wchar_t *> cases[] = {
         {3, false, L"(null)"},  // the extender is not cached: no FQDD at all, no fallback
         {0, true, L"Enclosure.Internal.0-1"},
         {3, true, L"Enclosure.Internal.0-1:PCIeExtender.Slot.3"},
     };
-    for (const auto &c : cases) {
+    for (const auto &[extenderSlot, extendersFirst, fqdd] : cases) {
         rtcache_Destroy();
         ASSERT_EQ(rtcache_Init(), 0u);
         std::memset(view(), 0, sizeof sNVMeSSDBPInfo);
-        ApiInfo record = bay_one(c.extenderSlot);
+        ApiInfo record = bay_one(extenderSlot);
         open(record);
         Ints fields;
-        EXPECT_EQ((Codes{c.extendersFirst ? rtshm_getNVMeExtcard() : 0, rtshm_getNVMeBPs()}), (Codes{0, 0}));
-        EXPECT_EQ(backplane(1, &fields), (Texts{c.fqdd, L"PCIe SSD BP 1"}));
+        EXPECT_EQ((Codes{extendersFirst ? rtshm_getNVMeExtcard() : 0, rtshm_getNVMeBPs()}), (Codes{0, 0}));
+        EXPECT_EQ(backplane(1, &fields), (Texts{fqdd, L"PCIe SSD BP 1"}));
         EXPECT_EQ(fields, (Ints{1, 0, 8, 0, 5, 8, 0}));
         EXPECT_EQ(trace_count("BP FQDD is already constrructed u8BayID=1: u8SlotNumInBay=2"), 1);
-        EXPECT_EQ(trace_count("Extender Read Error or Not Available"), c.extendersFirst ? 0 : 1);
+        EXPECT_EQ(trace_count("Extender Read Error or Not Available"), extendersFirst ? 0 : 1);
     }
     EXPECT_EQ(extender(3), (Texts{L"PCIeExtender.Slot.3", L"PCIe Extender 3"}));
     EXPECT_TRUE(trace_has(1, "Inventory store PCIeExtender.Slot.3"));
@@ -100,12 +99,7 @@ TEST_F(ShmInventory, EachFailureReleasesTheLockAndWhatWasNotStored)
     open(record);
     // Allocation n of an extender (object, FQDD, name) or of a backplane
     // (object, enclosure record, FQDD, name) fails: result and what is cached.
-    const struct {
-        bool backplane;
-        uint32_t failing;
-        uint32_t result;
-        Texts cached;
-    } cases[] = {
+    const std::tuple<bool, uint32_t, uint32_t, Texts> cases[] = {
         {false, 0, 3, {L"-", L"-"}},
         {false, 1, 0, {L"(null)", L""}},
         {false, 2, 0, {L"PCIeExtender.Slot.3", L"(null)"}},
@@ -116,18 +110,18 @@ TEST_F(ShmInventory, EachFailureReleasesTheLockAndWhatWasNotStored)
     };
     RtShmNVMeBay &bay = sNVMeSSDBPInfo.bay[1];
     RtShmNVMeSlot &slot = sNVMeSSDBPInfo.slot[1][0];
-    for (const auto &c : cases) {
+    for (const auto &[isBackplane, failing, result, cached] : cases) {
         ASSERT_EQ(processNVMeExtndrcardInfo(1, 3), 0u);  // the backplane's FQDD nests it
-        if (!c.backplane) {
+        if (!isBackplane) {
             rtvox::cache::release_extender(cache_Extndrs[3]);
         }
         const int64_t live = alloc_live();
-        alloc_fail(c.failing, 1);
-        EXPECT_EQ(c.backplane ? processNVMeBackplaneInfo(&bay, &slot) : processNVMeExtndrcardInfo(1, 3), c.result);
+        alloc_fail(failing, 1);
+        EXPECT_EQ(isBackplane ? processNVMeBackplaneInfo(&bay, &slot) : processNVMeExtndrcardInfo(1, 3), result);
         alloc_fail_clear();
         EXPECT_EQ((Codes{vornhost_mutex_state(mutexRtCache)}), (Codes{0}));
-        EXPECT_EQ(c.backplane ? backplane(1) : extender(3), c.cached);
-        if (c.backplane) {
+        EXPECT_EQ(isBackplane ? backplane(1) : extender(3), cached);
+        if (isBackplane) {
             rtvox::cache::release_backplane(cache_Bkplanes[1]);
         } else {
             rtvox::cache::release_extender(cache_Extndrs[3]);

@@ -3,6 +3,8 @@
 // backplane failure in turn.
 #include <functional>
 
+#include <tuple>
+
 #include "rt_shm_fixtures.h"
 
 using namespace rtvox::test;
@@ -43,11 +45,9 @@ protected:
 
 TEST_F(ShmLocate, WritesOneDriveStatusRecordPerCallAndNeverAnUnknownState)
 {
-    const struct {
-        std::function<uint32_t()> call;
-        Ints written;      // type, bay, slot, status low and high, over bpAPIHandler; {} nothing written
-        const char *line;  // at level 4
-    } cases[] = {
+    // The call, the record written (type, bay, slot, status low and high, over
+    // bpAPIHandler; {} when none) and a line at level 4.
+    const std::tuple<std::function<uint32_t()>, Ints, const char *> cases[] = {
         {[] { return BlinkNVMeSSD(1, 4); }, {1, 1, 4, 0x08, 0, 0}, "<-- Exit BlinkNVMeSSD"},
         {[] { return UnBlinkNVMeSSD(0, 2, 0x000D); }, {1, 0, 2, 0x05, 0, 0}, "u8bayId:0 u6NVMeDriveState:13"},
         {[] { return UnBlinkNVMeSSD(2, 31, 0xFFFF); }, {1, 2, 31, 0xF7, 0xFF, 0}, "<-- Exit UnBlinkNVMeSSD"},
@@ -64,13 +64,13 @@ TEST_F(ShmLocate, WritesOneDriveStatusRecordPerCallAndNeverAnUnknownState)
          "Failed to Get the BayID for the slot: Slot:9 u8Ret:1"},
         {[] { return updateNVMeSSDDriveStatusToBP(5, 9, kLostEid); }, {}, "the slot: Slot:9 u8Ret:3"},
     };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.line);
+    for (const auto &[call, written, line] : cases) {
+        SCOPED_TRACE(line);
         const uint32_t from = vornhost_bp_write_count();
-        EXPECT_EQ(c.call(), 0u);
-        EXPECT_EQ(writes(from), c.written.empty() ? std::vector<Ints>{} : std::vector<Ints>{c.written});
+        EXPECT_EQ(call(), 0u);
+        EXPECT_EQ(writes(from), written.empty() ? std::vector<Ints>{} : std::vector<Ints>{written});
         EXPECT_EQ(vornhost_bp_session_count(), 1u);  // short sessions are closed again
-        EXPECT_TRUE(trace_has(4, c.line));
+        EXPECT_TRUE(trace_has(4, line));
     }
     EXPECT_EQ((Ints{states(1, 9)[0], slot_bytes(1, 9)[3], states(1, 6)[0], states(1, 8)[0], states(0, 9)[0]}),
               (Ints{0x0105, 0x0105, 0, 0xFFFF, 7}));
@@ -87,14 +87,9 @@ TEST_F(ShmLocate, EachBackplaneFailureInTurn)
     const auto unblink = [] { return UnBlinkNVMeSSD(1, 4, 0x0D); };
     const auto update = [] { return updateNVMeSSDDriveStatusToBP(5, 9, kEid); };
     const auto unblinkAll = [] { return UnBlinkAllNVMeSSDS(kEid, 1, 4, 0x0D); };
-    const struct {
-        VornHostBpOp op;
-        uint32_t status;
-        std::function<uint32_t()> call;
-        uint32_t result;
-        uint32_t leftOpen;  // sessions besides bpAPIHandler
-        const char *line;   // at level 4
-    } cases[] = {
+    // The operation that fails and its status, the call, its result, the
+    // sessions it leaves open besides bpAPIHandler, a line at level 4.
+    const std::tuple<VornHostBpOp, uint32_t, std::function<uint32_t()>, uint32_t, uint32_t, const char *> cases[] = {
         {VORNHOST_BP_OPEN, VORNHOST_E_BUSY, blink, 1, 0,
          "<-- unable to Open backplaneApi. u8SSDSlotNum:4,BPAPIOpen: Error:Success"},
         {VORNHOST_BP_OPEN, VORNHOST_E_BUSY, unblink, 1, 0, "<-- unable to Open backplaneApi. u8SSDSlotNum:4,"},
@@ -109,15 +104,15 @@ TEST_F(ShmLocate, EachBackplaneFailureInTurn)
         {VORNHOST_BP_CLOSE, VORNHOST_E_BUSY, blink, 0, 1, "--> Failed to Close to BPAPI @ "},
         {VORNHOST_BP_CLOSE, VORNHOST_E_BUSY, update, 0, 1, "--> Failed to Close to BPAPI @ "},
     };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.line);
+    for (const auto &[op, status, call, result, leftOpen, line] : cases) {
+        SCOPED_TRACE(line);
         trace_start();
         const uint32_t before = vornhost_bp_session_count();
-        vornhost_bp_set_status(c.op, c.status, 1);
-        EXPECT_EQ(c.call(), c.result);
-        EXPECT_EQ(vornhost_bp_session_count() - before, c.leftOpen);
-        EXPECT_TRUE(trace_has(4, c.line));
-        EXPECT_EQ(vornhost_bp_write_count() == 0, c.op == VORNHOST_BP_OPEN);
+        vornhost_bp_set_status(op, status, 1);
+        EXPECT_EQ(call(), result);
+        EXPECT_EQ(vornhost_bp_session_count() - before, leftOpen);
+        EXPECT_TRUE(trace_has(4, line));
+        EXPECT_EQ(vornhost_bp_write_count() == 0, op == VORNHOST_BP_OPEN);
         vornhost_reset();
     }
     // The sessions left open were opened without a hot-plug callback.

@@ -58,49 +58,39 @@ Bytes record(std::initializer_list<uint8_t> head, const Bytes &fru)
 
 // ---- FRU and temperature records ---------------------------------------------
 
-struct FruCase {
-    const char *name;
-    std::function<uint32_t()> store;
-    uint32_t offset;
-    Bytes data;       // what lands at offset (kOld where a byte is left alone)
-    uint32_t writes;  // region writes, the counter's included
-    uint8_t counter;
-};
-
 TEST_F(PcieSsd, FruStoresWriteTheirRecordBytesThenTheCounterLast)
 {
     const Bytes fru = fru_image(0x40);
     const Bytes cleared = record({0xFF, 0, 0xFF, 0}, Bytes(256, 0));
     const Bytes present = {9, 1, kOld, 4, kOld};  // byte 2 (the temperature) is left alone
-    const FruCase cases[] = {
-        {"present", [] { return RTSHM_StoreFRUDrivePresentStatus(7, 2, 9, 4, 1, 0x11); }, 524, present, 4, 0x11},
-        {"temp bay", [] { return RTSHM_StoreFRUTemp(7, 3, 0x12D, 0x102); }, 786, {0x2D}, 2, 0x02},
-        {"temp card", [] { return RTSHM_StoreFRUTemp(11, 1, 0xF6, 3); }, 8586, {0xF6}, 2, 3},
-        {"temp pelko", [] { return RTSHM_StoreFRUTemp_Pelko(11, 1, 0x30, 4); }, 266, {0x30}, 2, 4},
-        {"clear bay", [] { return RTSHM_ClearFRU(7, 5, 0x105); }, 1304, cleared, 2, 5},
-        {"clear card", [] { return RTSHM_ClearFRU(11, 0, 6); }, 8324, cleared, 2, 6},
-        {"fru bay", [&] { return RTSHM_StoreFRU(7, 31, 0x105, 3, fru.data(), 7, 40); }, 8064,
-         record({5, 1, 40, 3}, fru), 2, 7},
-        {"fru card", [&] { return RTSHM_StoreFRU(11, 2, 6, 3, fru.data(), 8, 0xFB); }, 8844,
-         record({6, 1, 0xFB, 0}, fru), 2, 8},
-        {"fru pelko", [&] { return RTSHM_StoreFRU_Pelko(7, 0, 1, fru.data(), 9, 35); }, 8324,
-         record({1, 1, 35, 0}, fru), 2, 9},
+    // The store; the offset and the bytes that land there (kOld where a byte is
+    // left alone); the region writes, the counter's included; the counter (one per row).
+    const std::tuple<std::function<uint32_t()>, uint32_t, Bytes, uint32_t, uint8_t> cases[] = {
+        {[] { return RTSHM_StoreFRUDrivePresentStatus(7, 2, 9, 4, 1, 0x11); }, 524, present, 4, 0x11},
+        {[] { return RTSHM_StoreFRUTemp(7, 3, 0x12D, 0x102); }, 786, {0x2D}, 2, 0x02},
+        {[] { return RTSHM_StoreFRUTemp(11, 1, 0xF6, 3); }, 8586, {0xF6}, 2, 3},
+        {[] { return RTSHM_StoreFRUTemp_Pelko(11, 1, 0x30, 4); }, 266, {0x30}, 2, 4},
+        {[] { return RTSHM_ClearFRU(7, 5, 0x105); }, 1304, cleared, 2, 5},
+        {[] { return RTSHM_ClearFRU(11, 0, 6); }, 8324, cleared, 2, 6},
+        {[&] { return RTSHM_StoreFRU(7, 31, 0x105, 3, fru.data(), 7, 40); }, 8064, record({5, 1, 40, 3}, fru), 2, 7},
+        {[&] { return RTSHM_StoreFRU(11, 2, 6, 3, fru.data(), 8, 0xFB); }, 8844, record({6, 1, 0xFB, 0}, fru), 2, 8},
+        {[&] { return RTSHM_StoreFRU_Pelko(7, 0, 1, fru.data(), 9, 35); }, 8324, record({1, 1, 35, 0}, fru), 2, 9},
     };
-    for (const FruCase &c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const auto &[store, offset, data, writeCount, counter] : cases) {
+        SCOPED_TRACE(int{counter});
         SetUp();
-        EXPECT_EQ(c.store(), 0u);
-        EXPECT_EQ(at(26, c.offset, static_cast<uint32_t>(c.data.size())), c.data);
-        EXPECT_EQ(at(26, c.offset - 1, 1)[0], kOld);
-        EXPECT_EQ(at(26, c.offset + static_cast<uint32_t>(c.data.size()), 1)[0], kOld);
-        EXPECT_EQ(at(26, 0, 4), (Bytes{c.counter, kOld, kOld, kOld}));
-        EXPECT_EQ(writes(), c.writes);
+        EXPECT_EQ(store(), 0u);
+        EXPECT_EQ(at(26, offset, static_cast<uint32_t>(data.size())), data);
+        EXPECT_EQ(at(26, offset - 1, 1)[0], kOld);
+        EXPECT_EQ(at(26, offset + static_cast<uint32_t>(data.size()), 1)[0], kOld);
+        EXPECT_EQ(at(26, 0, 4), (Bytes{counter, kOld, kOld, kOld}));
+        EXPECT_EQ(writes(), writeCount);
 
         // The last write is the counter's: fail it and the data is still there.
         SetUp();
-        vornhost_fail(VORNHOST_Vorn_shm_memwrite, c.writes - 1, 1);
-        EXPECT_EQ(c.store(), 3u);
-        EXPECT_EQ(at(26, c.offset, static_cast<uint32_t>(c.data.size())), c.data);
+        vornhost_fail(VORNHOST_Vorn_shm_memwrite, writeCount - 1, 1);
+        EXPECT_EQ(store(), 3u);
+        EXPECT_EQ(at(26, offset, static_cast<uint32_t>(data.size())), data);
         EXPECT_EQ(at(26, 0, 1)[0], kOld);
         EXPECT_TRUE(trace_has(2, "error, SHM Write retVal=126 0"));
     }

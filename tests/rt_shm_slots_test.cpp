@@ -4,6 +4,7 @@
 // planted and read back through the host by offset.
 #include <functional>
 #include <numeric>
+#include <tuple>
 
 #include "rt_shm_fixtures.h"
 #include "rtvox/rt_kwlogwrp.h"
@@ -35,19 +36,15 @@ TEST_F(ShmSlots, GlobalSlotsReadTheirRegion20EntryByOffset)
     std::iota(region(20), region(20) + 325, 0);  // every byte holds its offset (mod 256)
     // The slot-number read takes the global slot as signed 16 bits, the bay-id
     // read all 32; 0xEE: the output was left as it was.
-    const struct {
-        bool bayId;
-        int32_t global;
-        uint32_t result;
-        int value;
-    } cases[] = {{false, 3, 0, 27}, {false, 0x10003, 0, 27},  {false, -1, 0, 11},
-                 {true, 3, 0, 26},  {true, 0x10003, 3, 0xEE}, {true, 0x7FFFFFFF, 3, 0xEE}};
-    for (const auto &c : cases) {
+    const std::tuple<bool, int32_t, uint32_t, int> cases[] = {{false, 3, 0, 27},        {false, 0x10003, 0, 27},
+                                                              {false, -1, 0, 11},       {true, 3, 0, 26},
+                                                              {true, 0x10003, 3, 0xEE}, {true, 0x7FFFFFFF, 3, 0xEE}};
+    for (const auto &[bayId, global, result, value] : cases) {
         uint8_t out = 0xEE;
-        EXPECT_EQ(c.bayId ? RTSHM_readPCIeSSDBayIDInfoFromGblSlotNum(&out, static_cast<uint32_t>(c.global))
-                          : RTSHM_readSSDSlotNumFromGblSlotNum(&out, c.global),
-                  c.result);
-        EXPECT_EQ(out, c.value);
+        EXPECT_EQ(bayId ? RTSHM_readPCIeSSDBayIDInfoFromGblSlotNum(&out, static_cast<uint32_t>(global))
+                        : RTSHM_readSSDSlotNumFromGblSlotNum(&out, global),
+                  result);
+        EXPECT_EQ(out, value);
     }
     EXPECT_TRUE(trace_has(4, " After Read offset = 11  u8SlotNumInBay=11 ") &&
                 trace_has(4, " After Read offset = 26  u8BayId=26 ") &&
@@ -92,16 +89,16 @@ TEST_F(ShmSlots, PresenceReadsReportOnlyAChangedSequence)
 
 TEST_F(ShmSlots, FirmwareVersionIsExactlyFourBytes)
 {
-    const struct {
-        uint8_t major, minor;
-        const char *copied;  // the four bytes over "#####"
-    } bays[] = {{1, 2, "1.02#"}, {0x1A, 3, "1a.0#"}, {0xAB, 0xCD, "ab.c#"}};
+    // Bay b's major and minor version, and the four bytes copied over "#####".
+    const std::tuple<uint8_t, uint8_t, const char *> bays[] = {
+        {1, 2, "1.02#"}, {0x1A, 3, "1a.0#"}, {0xAB, 0xCD, "ab.c#"}};
     for (uint32_t b = 0; b < 3; ++b) {
-        view()[10 + 8 * b] = bays[b].major;
-        view()[11 + 8 * b] = bays[b].minor;
+        const auto &[major, minor, copied] = bays[b];
+        view()[10 + 8 * b] = major;
+        view()[11 + 8 * b] = minor;
         char text[6] = "#####";
         EXPECT_EQ(RTSHM_ReadBpFwVersion(b, text), 0u);
-        EXPECT_STREQ(text, bays[b].copied);
+        EXPECT_STREQ(text, copied);
     }
     EXPECT_TRUE(trace_has(4, "Fw Version:   2.2") && trace_has(4, "Fw Version:   cd.cd") &&
                 trace_has(4, "bpFwRev:1a.0 tmpBuf=1a.0"));
@@ -185,11 +182,8 @@ TEST_F(ShmFqdd, TakesTheExtenderSlotOfTheFirstMatchingDirectoryEntry)
 
 TEST_F(ShmFqdd, EachFailureInTurnGivesNull)
 {
-    const struct {
-        std::function<void()> arm;
-        uint32_t global;
-        const char *line;  // at level 2
-    } cases[] = {
+    // What fails, the global slot asked for, the line traced at level 2.
+    const std::tuple<std::function<void()>, uint32_t, const char *> cases[] = {
         {[] { vornhost_fail(VORNHOST_Vorn_shm_memread, 0, 1); }, 5, "Failed while getting slot line"},
         {[] {}, 6, "Failed while getting bayID"},
         {[] { alloc_fail(0, 1); }, 5, "Failed to allocate memory"},
@@ -198,15 +192,15 @@ TEST_F(ShmFqdd, EachFailureInTurnGivesNull)
         {[] { region(15)[16] = 0xFE, region(15)[17] = 0xFF; }, 5, "error, SHM read retVal=6 65534"},
         {[] { alloc_fail(1, 1); }, 5, "rtvox_GetPCIeSSDFQDD Failed while constructing FQDD"},
     };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.line);
+    for (const auto &[arm, global, line] : cases) {
+        SCOPED_TRACE(line);
         vornhost_reset();
         trace_start();
         plant_global_slot_5();
         alloc_reset();
-        c.arm();
-        EXPECT_EQ(fqdd(c.global), "(null)");
-        EXPECT_TRUE(trace_has(2, c.line));
+        arm();
+        EXPECT_EQ(fqdd(global), "(null)");
+        EXPECT_TRUE(trace_has(2, line));
         EXPECT_EQ(alloc_live(), 0);
         alloc_fail_clear();
     }

@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <tuple>
 
 #include "rt_shm_fixtures.h"
 
@@ -186,15 +187,10 @@ TEST_F(Update, ControllersOfEachKindAndTheirBatteries)
 
 TEST_F(Update, DrivesDownEveryBranchOfTheEnclosureDecision)
 {
-    struct Case {
-        uint8_t type;
-        uint16_t enclId;
-        Encl encl;
-        const wchar_t *description;
-        uint64_t count, media, bay, enclType;
-        int level;
-        const char *line;
-    };
+    // The controller type, the drive's enclosure id and description, the enclosure
+    // cached; what is published; a line traced at a level (none when null).
+    using Case =
+        std::tuple<uint8_t, uint16_t, Encl, const wchar_t *, uint64_t, uint64_t, uint64_t, uint64_t, int, const char *>;
     const Case cases[] = {
         {TAVO, 0xFFFF, Encl::None, L"Tape drive", 1, 2, 0, 9, 0, nullptr},
         {TAVO, 0xFFFF, Encl::None, L"Direct attached", 1, 1, 0, 9, 2, "u16EnclDeviceID is not proper 65535"},
@@ -216,20 +212,20 @@ TEST_F(Update, DrivesDownEveryBranchOfTheEnclosureDecision)
         {HBA, 5, Encl::ExternalNoInner, L"SAS", 1, 1, 0, 9, 2, " pPDCache->enclObj->enclType.extEncl.Obj is NULL"},
         {MIRU, 5, Encl::Backplane, nullptr, 1, 1, 0, 9, 0, nullptr},
     };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(testing::Message() << int{c.type} << " " << c.enclId << " " << static_cast<int>(c.encl));
+    for (const auto &[type, enclId, encl, description, count, media, bay, enclType, level, line] : cases) {
+        SCOPED_TRACE(testing::Message() << int{type} << " " << enclId << " " << static_cast<int>(encl));
         restart();
-        add_controller(0, 1, c.type);
-        ASSERT_EQ(store(RTCACHE_KEY_PD, 1, 0, drive(4, c.enclId, c.description)), 0u);
-        if (c.encl != Encl::None) {
-            ASSERT_EQ(store(RTCACHE_KEY_PD, 1, 5, enclosure(c.encl)), 0u);
+        add_controller(0, 1, type);
+        ASSERT_EQ(store(RTCACHE_KEY_PD, 1, 0, drive(4, enclId, description)), 0u);
+        if (encl != Encl::None) {
+            ASSERT_EQ(store(RTCACHE_KEY_PD, 1, 5, enclosure(encl)), 0u);
         }
         update();
         // A skipped drive's values stay in entry 0 beyond the count.
-        EXPECT_EQ(drive_entry(0), (Values{c.count, 4, 6, c.media, 3, 33, 15000, c.type == HBA ? 0x11u : 0x10u, 931, 2,
-                                          c.bay, c.bay, c.enclType}));
-        if (c.line != nullptr) {
-            EXPECT_TRUE(trace_has(c.level, c.line));
+        EXPECT_EQ(drive_entry(0),
+                  (Values{count, 4, 6, media, 3, 33, 15000, type == HBA ? 0x11u : 0x10u, 931, 2, bay, bay, enclType}));
+        if (line != nullptr) {
+            EXPECT_TRUE(trace_has(level, line));
         }
     }
 }
@@ -341,42 +337,34 @@ TEST_F(Regions, InitFillsTheTablesAndAnswersTheLastWrite)
     EXPECT_EQ(le(kInventory, kBatteries, 4) + le(kInventory, kBatteries + 20, 4), 3u);
 
     // Only the last write's result counts: failing the first writes changes nothing in it.
-    const struct {
-        int32_t (*init)();
-        uint32_t skip;
-        int32_t result;
-    } cases[] = {{RTSHM_InitSharedMem, 0, 0},
-                 {RTSHM_InitSharedMem, 2, VORNHOST_E_INJECTED},
-                 {RTSHM_InitPartialSharedMem, 0, 0},
-                 {RTSHM_InitPartialSharedMem, 1, VORNHOST_E_INJECTED}};
-    for (const auto &c : cases) {
-        vornhost_fail(VORNHOST_Vorn_shm_memwrite, c.skip, 1);
-        EXPECT_EQ(c.init(), c.result);
+    const std::tuple<int32_t (*)(), uint32_t, int32_t> cases[] = {{RTSHM_InitSharedMem, 0, 0},
+                                                                  {RTSHM_InitSharedMem, 2, VORNHOST_E_INJECTED},
+                                                                  {RTSHM_InitPartialSharedMem, 0, 0},
+                                                                  {RTSHM_InitPartialSharedMem, 1, VORNHOST_E_INJECTED}};
+    for (const auto &[init, skip, result] : cases) {
+        vornhost_fail(VORNHOST_Vorn_shm_memwrite, skip, 1);
+        EXPECT_EQ(init(), result);
     }
 }
 
 TEST_F(Regions, ThermalPollingFlagFromThePlatformOrTheMarkerFile)
 {
-    // platform byte, marker present, result, byte read back
-    const struct {
-        uint8_t platform;
-        bool marker;
-        uint32_t result;
-        uint8_t flags;
-    } cases[] = {{0x00, false, 0, 0x00}, {0x03, false, 0, 0x03}, {0x04, true, 0, 0x05}, {0x01, true, 0, 0x01}};
-    for (const auto &c : cases) {
-        SCOPED_TRACE(static_cast<int>(c.platform));
-        vornhost_shm_bytes(kPolling)[522] = c.platform;
+    // platform byte, marker present, byte read back
+    const std::tuple<uint8_t, bool, uint8_t> cases[] = {
+        {0x00, false, 0x00}, {0x03, false, 0x03}, {0x04, true, 0x05}, {0x01, true, 0x01}};
+    for (const auto &[platform, marker, flags] : cases) {
+        SCOPED_TRACE(static_cast<int>(platform));
+        vornhost_shm_bytes(kPolling)[522] = platform;
         vornhost_shm_bytes(kPolling)[525] = 0xA5;
-        if (c.marker) {
+        if (marker) {
             root.touch(kMarker);
         }
         trace_start();
         sVOXTAVODrivePolling polling{};
-        EXPECT_EQ(RTSHM_ReadSharedThermalPolling(&polling), c.result);
+        EXPECT_EQ(RTSHM_ReadSharedThermalPolling(&polling), 0u);
         EXPECT_EQ((std::vector<int>{polling.u8DisableDrivePolling, polling.au8Other[2]}),
-                  (std::vector<int>{c.flags, 0xA5}));
-        EXPECT_EQ(trace_has(2, "RTSHM_ReadSharedThermalPolling  /flash/data0/oem_ps/pdthermaldisabled"), c.marker);
+                  (std::vector<int>{flags, 0xA5}));
+        EXPECT_EQ(trace_has(2, "RTSHM_ReadSharedThermalPolling  /flash/data0/oem_ps/pdthermaldisabled"), marker);
         EXPECT_TRUE(trace_has(6, "Successfully Read sVOXTAVODrivePolling Shared Memory"));
     }
 
