@@ -7,12 +7,12 @@
 #include <algorithm>
 #include <cstdlib>
 #include <functional>
+#include <map>
 #include <optional>
 #include <ostream>
 #include <string>
 #include <vector>
 
-#include "rt_cache_fixtures.h"
 #include "rt_shm_fixtures.h"
 #include "rtvox/rt_evtq.h"
 #include "rtvox/rt_kwlogwrp.h"
@@ -27,26 +27,15 @@ constexpr uint8_t kEid = 7;
 // The leaks the library keeps on purpose: each step that may keep some, the
 // most blocks it may leave counted by the allocation hooks, and why. These
 // steps run with the leak checker told to look away; they clean up the rest.
-struct Kept {
-    const char *step;
-    int64_t blocks;
-    const char *reason;
+const std::map<std::string, std::pair<int64_t, const char *>> kKept = {
+    {"cache init",
+     {10, "a half-done init keeps what it obtained, and a destroy that cannot take the lock frees nothing"}},
+    {"convert", {0, "the event views' 20-byte list nodes are never freed (plain malloc: the hooks never see them)"}},
+    {"queue",
+     {2,
+      "an entry whose queue mutex cannot be taken is dropped, node and copy; a copy that cannot be allocated "
+      "leaves its node behind"}},
 };
-constexpr Kept kKept[] = {
-    {"cache init", 10,
-     "a half-done init keeps what it obtained, and a destroy that cannot take the lock frees "
-     "nothing"},
-    {"convert", 0, "the event views' 20-byte list nodes are never freed (plain malloc: the hooks never see them)"},
-    {"queue", 2,
-     "an entry whose queue mutex cannot be taken is dropped, node and copy; a copy that cannot "
-     "be allocated leaves its node behind"},
-};
-
-const Kept *kept_leak(const std::string &step)
-{
-    const auto at = std::find_if(std::begin(kKept), std::end(kKept), [&](const Kept &k) { return step == k.step; });
-    return at == std::end(kKept) ? nullptr : at;
-}
 
 struct Step {
     const char *name;
@@ -293,9 +282,10 @@ protected:
         for (const Step &step : steps) {
             SCOPED_TRACE(step.name);
             const int64_t live = alloc_live();
-            const Kept *leak = kept_leak(step.name);
+            const auto leak = kKept.find(step.name);
+            const bool keeps = leak != kKept.end();
             std::optional<KeptLeak> hidden;
-            if (leak != nullptr) {
+            if (keeps) {
                 hidden.emplace();
             }
             const int64_t rc = step.run();
@@ -304,9 +294,9 @@ protected:
             if (point == nullptr) {  // the normal run answers the first code
                 EXPECT_EQ(rc, step.allowed.front());
             }
-            if (leak != nullptr) {
+            if (keeps) {
                 const int64_t left = alloc_live() - live;
-                EXPECT_TRUE(left >= 0 && left <= leak->blocks) << left << " blocks kept";
+                EXPECT_TRUE(left >= 0 && left <= leak->second.first) << left << " blocks kept";
                 kept += left;
             }
         }

@@ -234,7 +234,7 @@ TEST_F(KwLog, WhatReachesTheEventLog)
     expect_nothing_left();
 }
 
-TEST_F(KwLog, FriendlyNameIntoTheCallersBuffer)
+TEST_F(KwLog, FriendlyNameIntoTheCallersBufferOrNewlyAllocated)
 {
     const int32_t length = static_cast<int32_t>(std::strlen(kDiskName));
     const std::wstring long65535(65535, L'A');
@@ -276,10 +276,9 @@ TEST_F(KwLog, FriendlyNameIntoTheCallersBuffer)
         alloc_fail_clear();
     }
     EXPECT_EQ(rt_Buildmsgstring(0, kDisk, nullptr, 64), -1);
-}
 
-TEST_F(KwLog, FriendlyNameNewlyAllocated)
-{
+    // Newly allocated.
+    alloc_reset();
     char *name = getFriendlyFQDDName(kDisk);
     ASSERT_NE(name, nullptr);
     EXPECT_STREQ(name, kDiskName);

@@ -5,22 +5,14 @@
 // with a cache on a private root.
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <array>
-#include <cstdint>
-#include <cstring>
 #include <initializer_list>
-#include <string>
 #include <vector>
 
-#include "rt_cache_fixtures.h"
+#include "rt_cache_fixtures.h"  // gtest, the cache, the test support and the host
 #include "rt_shm_internal.h"
-#include "rtvox/rt_cache.h"
 #include "rtvox/rt_shm.h"
-#include "testsupport.h"
-#include "vornhost/vornhost.h"
 
 namespace rtvox::test::shm {
 

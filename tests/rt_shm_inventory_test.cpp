@@ -2,9 +2,9 @@
 #include <algorithm>
 #include <cwchar>
 
-#include "rt_cache_release.h"
 #include <tuple>
 
+#include "rt_cache_release.h"
 #include "rt_shm_fixtures.h"
 
 using namespace rtvox::test;

@@ -307,7 +307,7 @@ TEST_F(Simulation, LinkedInputsAreNotFollowedAndAShortFruFileIsZeroPadded)
 
 // ---- locate over IPMI -----------------------------------------------------------------
 
-TEST_F(PcieSsd, LocateRequestsCarryBaySlotAndStatusWord)
+TEST_F(PcieSsd, LocateRequestsCarryBaySlotAndStatusWordAndTestTheLowEightBitsOfTheStatus)
 {
     EXPECT_EQ(BlinkPCIeSSD(1, 5), 0u);
     EXPECT_EQ(UnBlinkPCIeSSD(0x102, 0x1FF, 0x51234), 0u);  // each taken as a byte or a 16-bit word
@@ -326,10 +326,8 @@ TEST_F(PcieSsd, LocateRequestsCarryBaySlotAndStatusWord)
     EXPECT_TRUE(trace_has(4, ":-->UnBlink u8bayId=2 u8SSDSlotNum=255 u16DriveStatus=4660"));
     EXPECT_EQ(trace_count("rtvox.c:UnBlinkPCIeSSD:"), 4);  // entry, two around the dump, the status
     EXPECT_EQ(trace_count("IMPMICmd rc=0 LINE="), 2);
-}
 
-TEST_F(PcieSsd, LocateTestsOnlyTheLowEightBitsOfTheIpmiStatus)
-{
+    // Only the low eight bits of the IPMI status count.
     vornhost_ipmi_set_result(0x7700, nullptr, 0, 1);
     EXPECT_EQ(BlinkPCIeSSD(1, 5), 0u);
     vornhost_ipmi_set_result(0x7701, nullptr, 0, 1);
