@@ -68,15 +68,6 @@ std::vector<uint32_t> call_counts()
     return counts;
 }
 
-void fail(int point, uint32_t skip)
-{
-    if (point == kAlloc) {
-        alloc_fail(skip, 1);
-    } else {
-        vornhost_fail(static_cast<VornHostFunction>(point), skip, 1);
-    }
-}
-
 // Runs a step under the cache lock; 99 when the lock could not be taken.
 int64_t locked(const std::function<uint32_t()> &work)
 {
@@ -276,7 +267,7 @@ protected:
         const std::vector<Step> steps = GetParam().scenario();
         const std::vector<uint32_t> before = call_counts();
         if (point != nullptr) {
-            fail(*point, skip);
+            *point == kAlloc ? alloc_fail(skip, 1) : vornhost_fail(static_cast<VornHostFunction>(*point), skip, 1);
         }
         int64_t kept = 0;
         for (const Step &step : steps) {

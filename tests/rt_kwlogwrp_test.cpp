@@ -153,17 +153,13 @@ TEST_F(KwLog, InvalidInputTracesAllFourLines)
 
 TEST_F(KwLog, EachFailingStepIsTracedWithItsCodeAndFreesEverything)
 {
-    // Every row traces `line` and `failed` once ("L2 " once: no other level-2 line).
+    // What fails: a call (once) and/or an allocation; the bytes of both strings
+    // with their terminators; the result; `line` and `failed` traced once each
+    // ("L2 " once: no other level-2 line); the start of last_event().
     const std::string submit_failed = "Error: QNIPCLSubmitEvent() failed with return code:";
-    const struct {
-        const char *what;
-        VornHostFunction call;  // fails once
-        int allocation;         // fails when not kNoAllocation
-        size_t argument_bytes;  // both strings with their terminators
-        int32_t result;
-        std::string line, failed;
-        const char *journaled;  // start of last_event()
-    } cases[] = {
+    using Case =
+        std::tuple<const char *, VornHostFunction, int, size_t, int32_t, std::string, std::string, const char *>;
+    const Case cases[] = {
         {"status lock", VORNHOST_SMMutexLock, kNoAllocation, 4, 0, "L1 rt_sync.c:RTSync_LockGlobalStatus:", "--> exit ",
          "4/2/2/0 CTL97 Disk"},
         {"arguments buffer", kNoCall, 0, 4, -1, "Error: rtvox_alloc failed, msgArgsBuf is NULL", "L2 ", "none"},
@@ -179,18 +175,18 @@ TEST_F(KwLog, EachFailingStepIsTracedWithItsCodeAndFreesEverything)
         {"submit", VORNHOST_QNIPCLSubmitEvent, kNoAllocation, 4, -1,
          "Error: call to QNIPCLSubmitEvent() failed with return code:126", "L2 ", "none"},
     };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.what);
+    for (const auto &[what, call, allocation, argumentBytes, result, line, failed, journaled] : cases) {
+        SCOPED_TRACE(what);
         // Without the lock CTL97 goes out even though the status would drop it.
-        RTSync_SetGlobalStatus(c.what == std::string("status lock") ? kInventoryPastEvents : kNormal);
+        RTSync_SetGlobalStatus(what == std::string("status lock") ? kInventoryPastEvents : kNormal);
         vornhost_eventlog_clear();
         alloc_reset();
         trace_start();
-        arm(c.call, c.allocation);
-        EXPECT_EQ(submit("CTL97", kDisk, {"ab", std::string(c.argument_bytes - 4, 'c')}), c.result);
-        EXPECT_EQ(trace_count(c.line), 1);
-        EXPECT_EQ(trace_count(c.failed), 1);
-        EXPECT_EQ(last_event().rfind(c.journaled, 0), 0u) << last_event();
+        arm(call, allocation);
+        EXPECT_EQ(submit("CTL97", kDisk, {"ab", std::string(argumentBytes - 4, 'c')}), result);
+        EXPECT_EQ(trace_count(line), 1);
+        EXPECT_EQ(trace_count(failed), 1);
+        EXPECT_EQ(last_event().rfind(journaled, 0), 0u) << last_event();
         expect_nothing_left();
         vornhost_fail_clear();
     }
@@ -239,38 +235,31 @@ TEST_F(KwLog, FriendlyNameIntoTheCallersBufferOrNewlyAllocated)
     const int32_t length = static_cast<int32_t>(std::strlen(kDiskName));
     const std::wstring long65535(65535, L'A');
     const std::wstring long65536(65536, L'A');
-    const struct {
-        const wchar_t *fqdd;
-        int32_t bufSize;
-        int32_t result;
-        const char *line;
-        VornHostFunction call = kNoCall;
-        int allocation = kNoAllocation;
-    } cases[] = {
-        {kDisk, length + 1, 0, "FQDD string to be passed to ConvertFQDDToFriendlyName() : Disk.Bay.1:"},
-        {kDisk, length, -1, "err4:bufSize is > the friendlyfqdd name len"},
-        {kDisk, -1, -1, "err4:bufSize is > the friendlyfqdd name len"},
-        {nullptr, 64, -1, "err1:fqdd or msgstr is NULL"},
+    const std::tuple<const wchar_t *, int32_t, int32_t, const char *, VornHostFunction, int> cases[] = {
+        {kDisk, length + 1, 0, "FQDD string to be passed to ConvertFQDDToFriendlyName() : Disk.Bay.1:", kNoCall,
+         kNoAllocation},
+        {kDisk, length, -1, "err4:bufSize is > the friendlyfqdd name len", kNoCall, kNoAllocation},
+        {kDisk, -1, -1, "err4:bufSize is > the friendlyfqdd name len", kNoCall, kNoAllocation},
+        {nullptr, 64, -1, "err1:fqdd or msgstr is NULL", kNoCall, kNoAllocation},
         {kDisk, 64, -1, "err2:failed to get memory", kNoCall, 0},
         {L"Disk.Bay.1:Enclosure.Internal.0-1:RAID.Integrat\u00e9d.1-1", 64, -1,
-         "err3:failed to convert fqdd to multibytes"},
-        {long65535.c_str(), 64, -1, "err3:failed to convert fqdd to multibytes"},
-        {long65536.c_str(), 64, -1, "err3:failed to convert fqdd to multibytes"},
-        {L"Disk.Bay.1:Unknown.Thing.1", 64, -1, "err5 failed to get friendlyName"},
-        {kDisk, 64, -1, "err5 failed to get friendlyName", VORNHOST_ConvertFQDDToFriendlyName},
+         "err3:failed to convert fqdd to multibytes", kNoCall, kNoAllocation},
+        {long65535.c_str(), 64, -1, "err3:failed to convert fqdd to multibytes", kNoCall, kNoAllocation},
+        {long65536.c_str(), 64, -1, "err3:failed to convert fqdd to multibytes", kNoCall, kNoAllocation},
+        {L"Disk.Bay.1:Unknown.Thing.1", 64, -1, "err5 failed to get friendlyName", kNoCall, kNoAllocation},
+        {kDisk, 64, -1, "err5 failed to get friendlyName", VORNHOST_ConvertFQDDToFriendlyName, kNoAllocation},
     };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.line);
+    for (const auto &[fqdd, bufSize, result, line, call, allocation] : cases) {
+        SCOPED_TRACE(line);
         alloc_reset();
         trace_start();
-        arm(c.call, c.allocation);
+        arm(call, allocation);
         std::string buffer(128, 'x');
-        EXPECT_EQ(rt_Buildmsgstring(0, c.fqdd, buffer.data(), c.bufSize), c.result);
-        EXPECT_TRUE(trace_has(2, c.line));
+        EXPECT_EQ(rt_Buildmsgstring(0, fqdd, buffer.data(), bufSize), result);
+        EXPECT_TRUE(trace_has(2, line));
         // Zero-filled to bufSize on success; untouched on failure.
-        const std::string expected = c.result == 0
-                                         ? kDiskName + std::string(1, '\0') + std::string(128 - length - 1, 'x')
-                                         : std::string(128, 'x');
+        const std::string expected =
+            result == 0 ? kDiskName + std::string(1, '\0') + std::string(128 - length - 1, 'x') : std::string(128, 'x');
         EXPECT_EQ(buffer, expected);
         expect_nothing_left();
         alloc_fail_clear();
