@@ -325,8 +325,7 @@ bool all_bytes(size_t from, size_t to, uint8_t value)
 TEST_F(Regions, InitFillsTheTablesAndAnswersTheLastWrite)
 {
     EXPECT_EQ(RTSHM_InitSharedMem(), 0);
-    EXPECT_TRUE(all_bytes(0, 5342, 0xFF));
-    EXPECT_EQ(static_cast<int32_t>(le(kInventory, kBatteries, 4)), -1);
+    EXPECT_TRUE(all_bytes(0, 5342, 0xFF));  // the battery count at 5318 included
 
     put_le(kInventory, kBatteries, 4, 2);  // a published battery table survives the partial init
     put_le(kInventory, kBatteries + 20, 4, 1);
