@@ -20,7 +20,7 @@
 namespace {
 
 using namespace rtvox::test;
-using Codes = std::vector<int64_t>;
+using shm::Codes;
 
 constexpr uint8_t kEid = 7;
 
