@@ -7,12 +7,12 @@
 #include <algorithm>
 #include <cstdlib>
 #include <functional>
+#include <map>
 #include <optional>
 #include <ostream>
 #include <string>
 #include <vector>
 
-#include "rt_cache_fixtures.h"
 #include "rt_shm_fixtures.h"
 #include "rtvox/rt_evtq.h"
 #include "rtvox/rt_kwlogwrp.h"
@@ -20,33 +20,22 @@
 namespace {
 
 using namespace rtvox::test;
-using Codes = std::vector<int64_t>;
+using shm::Codes;
 
 constexpr uint8_t kEid = 7;
 
 // The leaks the library keeps on purpose: each step that may keep some, the
 // most blocks it may leave counted by the allocation hooks, and why. These
 // steps run with the leak checker told to look away; they clean up the rest.
-struct Kept {
-    const char *step;
-    int64_t blocks;
-    const char *reason;
+const std::map<std::string, std::pair<int64_t, const char *>> kKept = {
+    {"cache init",
+     {10, "a half-done init keeps what it obtained, and a destroy that cannot take the lock frees nothing"}},
+    {"convert", {0, "the event views' 20-byte list nodes are never freed (plain malloc: the hooks never see them)"}},
+    {"queue",
+     {2,
+      "an entry whose queue mutex cannot be taken is dropped, node and copy; a copy that cannot be allocated "
+      "leaves its node behind"}},
 };
-constexpr Kept kKept[] = {
-    {"cache init", 10,
-     "a half-done init keeps what it obtained, and a destroy that cannot take the lock frees "
-     "nothing"},
-    {"convert", 0, "the event views' 20-byte list nodes are never freed (plain malloc: the hooks never see them)"},
-    {"queue", 2,
-     "an entry whose queue mutex cannot be taken is dropped, node and copy; a copy that cannot "
-     "be allocated leaves its node behind"},
-};
-
-const Kept *kept_leak(const std::string &step)
-{
-    const auto at = std::find_if(std::begin(kKept), std::end(kKept), [&](const Kept &k) { return step == k.step; });
-    return at == std::end(kKept) ? nullptr : at;
-}
 
 struct Step {
     const char *name;
@@ -69,18 +58,14 @@ const std::vector<int> kFailed = [] {
     return points;
 }();
 
-uint32_t calls_of(int point)
+// The calls made so far of each failure point.
+std::vector<uint32_t> call_counts()
 {
-    return point == kAlloc ? alloc_calls() : vornhost_call_count(static_cast<VornHostFunction>(point));
-}
-
-void fail(int point, uint32_t skip)
-{
-    if (point == kAlloc) {
-        alloc_fail(skip, 1);
-    } else {
-        vornhost_fail(static_cast<VornHostFunction>(point), skip, 1);
+    std::vector<uint32_t> counts;
+    for (int point : kFailed) {
+        counts.push_back(point == kAlloc ? alloc_calls() : vornhost_call_count(static_cast<VornHostFunction>(point)));
     }
+    return counts;
 }
 
 // Runs a step under the cache lock; 99 when the lock could not be taken.
@@ -95,6 +80,12 @@ int64_t locked(const std::function<uint32_t()> &work)
 }
 
 // ---- one scenario per family ------------------------------------------------
+
+// Outputs of the steps that no step looks at, and a FRU image to store.
+uint8_t byteOut;
+uint16_t wordOut;
+void *objectOut;
+uint8_t fruImage[256] = {1, 2, 3};
 
 // A controller with one disk in the cache, as a poll pass leaves them.
 void fill()
@@ -129,12 +120,9 @@ std::vector<Step> cache_family()
             {"poll disk", {0, 99}, poll(RTCACHE_KEY_PD, 3, cache::cached_pd_node(3))},
             {"poll fetch",
              {0, 99},
-             [] {
-                 void *object = nullptr;
-                 return locked([&] { return rtcache_GetCachedObject(RTCACHE_KEY_PD, kEid, 3, &object); });
-             }},
-            {"release disks", {0, 3}, [] { return int64_t{rtcache_FreeObjectLevel(kEid, RTCACHE_LEVEL_PDS)}; }},
-            {"release node", {0, 3}, [] { return int64_t{rtcache_FreeObjectLevel(kEid, RTCACHE_LEVEL_CONTROLLER)}; }}};
+             [] { return locked([] { return rtcache_GetCachedObject(RTCACHE_KEY_PD, kEid, 3, &objectOut); }); }},
+            {"release disks", {0, 3}, [] { return rtcache_FreeObjectLevel(kEid, RTCACHE_LEVEL_PDS); }},
+            {"release node", {0, 3}, [] { return rtcache_FreeObjectLevel(kEid, RTCACHE_LEVEL_CONTROLLER); }}};
 }
 
 // A service restart: the cache made from nothing and destroyed again.
@@ -177,10 +165,10 @@ std::vector<Step> event_family()
              [] {
                  char first[] = "ab", second[] = "cd";
                  char *args[] = {first, second};
-                 return int64_t{rt_KWLOGCMNSubmitEvent(
-                     2, "PDR16", L"Disk.Bay.1:Enclosure.Internal.0-1:RAID.Integrated.1-1", args, 2)};
+                 return rt_KWLOGCMNSubmitEvent(2, "PDR16", L"Disk.Bay.1:Enclosure.Internal.0-1:RAID.Integrated.1-1",
+                                               args, 2);
              }},
-            {"submit single", {0, VORNHOST_E_INJECTED}, [] { return int64_t{rt_SubMitSingle(0x21)}; }}};
+            {"submit single", {0, VORNHOST_E_INJECTED}, [] { return rt_SubMitSingle(0x21); }}};
 }
 
 std::vector<Step> queue_family()
@@ -206,29 +194,20 @@ std::vector<Step> queue_family()
 
 std::vector<Step> backplane_family()
 {
-    return {{"bp init",
-             {0, 1},
-             [] {
-                 shm::ApiInfo record;
-                 record.counts(1, 2, 2, 1)
-                     .bay(0, 1, 1, 2, 1, 2)
-                     .drive(0, 1, 0, 1, 5)
-                     .drive(1, 1, 1, 1, 5)
-                     .riser(0, 1, 4, 1);
-                 vornhost_bp_set_info(record.data());
-                 return int64_t{rtshm_BpApiInit()};
-             }},
-            {"bp update", {0, 5}, [] { return int64_t{rtshm_BpDataUpdate()}; }},
+    shm::ApiInfo record, plugged;
+    record.counts(1, 2, 2, 1).bay(0, 1, 1, 2, 1, 2).drive(0, 1, 0, 1, 5).drive(1, 1, 1, 1, 5).riser(0, 1, 4, 1);
+    vornhost_bp_set_info(record.data());  // what the backplane reports from the start
+    plugged.counts(1, 1, 2, 0).bay(0, 1, 1, 2).drive(0, 1, 0, 1, 0x0D);
+    return {{"bp init", {0, 1}, [] { return rtshm_BpApiInit(); }},
+            {"bp update", {0, 5}, [] { return rtshm_BpDataUpdate(); }},
             {"hot plug",
              {0, 1},
-             [] {
-                 shm::ApiInfo record;
-                 record.counts(1, 1, 2, 0).bay(0, 1, 1, 2).drive(0, 1, 0, 1, 0x0D);
-                 const int delivered = vornhost_bp_hotplug(record.data());
+             [plugged] {
+                 const int delivered = vornhost_bp_hotplug(plugged.bytes.data());
                  vornhost_bp_hotplug_wait(5000);
                  return int64_t{delivered == 1 ? 0 : 1};
              }},
-            {"inventory", {0}, [] { return int64_t{rtshm_getNVMeBPs()}; }}};
+            {"inventory", {0}, [] { return rtshm_getNVMeBPs(); }}};
 }
 
 std::vector<Step> update_family()
@@ -239,42 +218,12 @@ std::vector<Step> update_family()
 
 std::vector<Step> pcie_family()
 {
-    // Global slot 5: bay 4 in region 20, an NVMe slot of bay id 1 and an
-    // extender directory in region 15 that names slot 3 for it.
-    vornhost_shm_bytes(20)[15 + 4 * 5] = 4;
-    uint8_t *nvme = shm::view() + shm::slot_at(1, 5);
-    nvme[0] = 1;
-    nvme[6] = 4;
-    const uint8_t directory[] = {0, 0, 4, 0, 9, 2, 0,    0, 0, 1, 0, 0, 6, 3, 0,    0, 200, 0,
-                                 0, 0, 3, 3, 0, 0, 0x2C, 1, 0, 0, 7, 3, 0, 0, 0x2C, 1, 0,   0};
-    std::copy(std::begin(directory), std::end(directory), vornhost_shm_bytes(15));
-    vornhost_shm_bytes(15)[201] = 2;
-    vornhost_shm_bytes(15)[301] = 1;
-    return {{"fru store",
-             {0, 3},
-             [] {
-                 uint8_t fru[256] = {1, 2, 3};
-                 return int64_t{RTSHM_StoreFRU(1, 0, 2, 1, fru, 1, 30)};
-             }},
-            {"status write", {0, 3}, [] { return int64_t{updatePciessdDriveStatusToShm(0x21, 2)}; }},
-            {"status read",
-             {0, 3},
-             [] {
-                 uint16_t status = 0;
-                 return int64_t{RTSHM_readPciessdDriveStatusFromShm(&status, 2)};
-             }},
-            {"simulate",
-             {0},
-             [] {
-                 RTSHM_PCIeSSDSimulate();
-                 return int64_t{0};
-             }},
-            {"slot map",
-             {0, 3},
-             [] {
-                 uint8_t slot = 0;
-                 return int64_t{RTSHM_readSSDSlotNumFromGblSlotNum(&slot, 2)};
-             }},
+    shm::plant_global_slot_5();  // its FQDD names extender slot 3
+    return {{"fru store", {0, 3}, [] { return RTSHM_StoreFRU(1, 0, 2, 1, fruImage, 1, 30); }},
+            {"status write", {0, 3}, [] { return updatePciessdDriveStatusToShm(0x21, 2); }},
+            {"status read", {0, 3}, [] { return RTSHM_readPciessdDriveStatusFromShm(&wordOut, 2); }},
+            {"simulate", {0}, [] { return RTSHM_PCIeSSDSimulate(), int64_t{0}; }},
+            {"slot map", {0, 3}, [] { return RTSHM_readSSDSlotNumFromGblSlotNum(&byteOut, 2); }},
             {"fqdd", {0, 1}, [] {
                  char *fqdd = rtvox_GetPCIeSSDFQDD(5);
                  rtvox_free(fqdd);
@@ -284,10 +233,10 @@ std::vector<Step> pcie_family()
 
 std::vector<Step> locate_family()
 {
-    return {{"nvme blink", {0, 1}, [] { return int64_t{BlinkNVMeSSD(1, 0)}; }},
-            {"nvme unblink", {0, 1}, [] { return int64_t{UnBlinkNVMeSSD(1, 0, 0x0D)}; }},
-            {"ipmi blink", {0, 1}, [] { return int64_t{BlinkPCIeSSD(1, 2)}; }},
-            {"ipmi unblink", {0, 1}, [] { return int64_t{UnBlinkPCIeSSD(1, 2, 0x21)}; }}};
+    return {{"nvme blink", {0, 1}, [] { return BlinkNVMeSSD(1, 0); }},
+            {"nvme unblink", {0, 1}, [] { return UnBlinkNVMeSSD(1, 0, 0x0D); }},
+            {"ipmi blink", {0, 1}, [] { return BlinkPCIeSSD(1, 2); }},
+            {"ipmi unblink", {0, 1}, [] { return UnBlinkPCIeSSD(1, 2, 0x21); }}};
 }
 
 // ---- the driver -----------------------------------------------------------------
@@ -316,20 +265,18 @@ protected:
         EXPECT_EQ(rtcache_Init(), 0u);
         cache::add_eid(0, kEid);
         const std::vector<Step> steps = GetParam().scenario();
-        std::vector<uint32_t> before;
-        for (int p : kFailed) {
-            before.push_back(calls_of(p));
-        }
+        const std::vector<uint32_t> before = call_counts();
         if (point != nullptr) {
-            fail(*point, skip);
+            *point == kAlloc ? alloc_fail(skip, 1) : vornhost_fail(static_cast<VornHostFunction>(*point), skip, 1);
         }
         int64_t kept = 0;
         for (const Step &step : steps) {
             SCOPED_TRACE(step.name);
             const int64_t live = alloc_live();
-            const Kept *leak = kept_leak(step.name);
+            const auto leak = kKept.find(step.name);
+            const bool keeps = leak != kKept.end();
             std::optional<KeptLeak> hidden;
-            if (leak != nullptr) {
+            if (keeps) {
                 hidden.emplace();
             }
             const int64_t rc = step.run();
@@ -338,23 +285,17 @@ protected:
             if (point == nullptr) {  // the normal run answers the first code
                 EXPECT_EQ(rc, step.allowed.front());
             }
-            if (leak != nullptr) {
+            if (keeps) {
                 const int64_t left = alloc_live() - live;
-                EXPECT_TRUE(left >= 0 && left <= leak->blocks) << left << " blocks kept";
+                EXPECT_TRUE(left >= 0 && left <= leak->second.first) << left << " blocks kept";
                 kept += left;
             }
         }
-        std::vector<uint32_t> counts;
-        for (size_t i = 0; i < kFailed.size(); ++i) {
-            counts.push_back(calls_of(kFailed[i]) - before[i]);
-        }
+        std::vector<uint32_t> counts = call_counts();
+        std::ranges::transform(counts, before, counts.begin(), std::minus{});
         alloc_fail_clear();
         vornhost_fail_clear();
-        vornhost_bp_hotplug_wait(5000);
-        if (bpAPIHandler != 0) {
-            VornBpApiCloseExec(bpAPIHandler, "sweep", "run", 0);
-            bpAPIHandler = 0;
-        }
+        shm::close_session();
         rtcache_Destroy();
         EXPECT_EQ(alloc_live(), kept) << "blocks left besides the kept leaks";
         EXPECT_TRUE(point != nullptr || kept == 0) << "the normal run keeps nothing";

@@ -1,28 +1,80 @@
-// Shared pieces of the backplane and NVMe tests: API info records built byte
-// by byte at the backplane's own offsets (never through the library's structs,
-// so a layout mistake cannot hide), byte views of the NVMe tables, and a
-// fixture with a cache on a private root.
+// Shared pieces of the shared-memory, backplane and NVMe tests: region bytes
+// and API info records built and read back byte by byte at their own offsets
+// (never through the library's structs, so a layout mistake cannot hide), byte
+// views of the NVMe tables, the trace lines of one function, and a fixture
+// with a cache on a private root.
 #pragma once
 
-#include <gtest/gtest.h>
-
+#include <algorithm>
 #include <array>
-#include <cstdint>
-#include <cstring>
 #include <initializer_list>
-#include <string>
 #include <vector>
 
+#include "rt_cache_fixtures.h"  // gtest, the cache, the test support and the host
 #include "rt_shm_internal.h"
-#include "rtvox/rt_cache.h"
 #include "rtvox/rt_shm.h"
-#include "testsupport.h"
-#include "vornhost/vornhost.h"
 
 namespace rtvox::test::shm {
 
 using Codes = std::vector<int64_t>;
 using Ints = std::vector<int>;
+
+constexpr uint32_t kInventory = 3;
+constexpr uint32_t kPolling = 55;
+constexpr size_t kDrives = 724;      // the drive table in region 3
+constexpr size_t kBatteries = 5318;  // the battery table in region 3
+
+// `width` bytes at `offset` of `bytes`, little-endian.
+inline uint64_t peek(const void *bytes, size_t offset, size_t width)
+{
+    uint64_t value = 0;
+    for (size_t i = width; i-- > 0;) {
+        value = value << 8 | static_cast<const uint8_t *>(bytes)[offset + i];
+    }
+    return value;
+}
+
+inline void poke(void *bytes, size_t offset, size_t width, uint64_t value)
+{
+    for (size_t i = 0; i < width; ++i) {
+        static_cast<uint8_t *>(bytes)[offset + i] = static_cast<uint8_t>(value >> (8 * i));
+    }
+}
+
+inline uint64_t le(uint32_t region, size_t offset, size_t width)
+{
+    return peek(vornhost_shm_bytes(region), offset, width);
+}
+
+inline void put_le(uint32_t region, size_t offset, size_t width, uint64_t value)
+{
+    poke(vornhost_shm_bytes(region), offset, width, value);
+}
+
+// The captured lines of one function as "L<level> <text>", without the head.
+inline std::vector<std::string> lines_of(const std::string &function)
+{
+    std::vector<std::string> out;
+    const std::string head = "rt_shm.c:" + function + ":";
+    for (const std::string &line : trace_lines()) {
+        if (const size_t at = line.find(head); at != std::string::npos) {
+            out.push_back(line.substr(0, 3) + line.substr(line.find(':', at + head.size()) + 1));
+        }
+    }
+    return out;
+}
+
+// The texts of the captured lines at `level` that `function` emitted, in order.
+inline std::vector<std::string> texts(int level, const std::string &function)
+{
+    std::vector<std::string> out;
+    for (const std::string &line : lines_of(function)) {
+        if (line.starts_with("L" + std::to_string(level) + " ")) {
+            out.push_back(line.substr(3));
+        }
+    }
+    return out;
+}
 
 // An API info record: counts at 2, 3, 4, 6; bay b at 8 + 51 b (id 14, tech 15,
 // slots 29, firmware 37 and 38); drive d at 240 + 15 d (id 1, bay 3, slot 4,
@@ -91,49 +143,49 @@ inline std::string snapshot()
                         sizeof rtvox::shm::au16PendingDriveState);
 }
 
-// The captured lines of one function as "L<level> <text>", without the head.
-inline std::vector<std::string> lines_of(const std::string &function)
+// Waits for a hot plug in flight and closes the library's backplane session,
+// so that nothing of one test calls back into the next.
+inline void close_session()
 {
-    std::vector<std::string> out;
-    const std::string head = "rt_shm.c:" + function + ":";
-    for (const std::string &line : trace_lines()) {
-        if (const size_t at = line.find(head); at != std::string::npos) {
-            out.push_back(line.substr(0, 3) + line.substr(line.find(':', at + head.size()) + 1));
-        }
+    vornhost_bp_hotplug_wait(5000);
+    if (bpAPIHandler != 0) {
+        VornBpApiCloseExec(bpAPIHandler, "test", "close", 0);
+        bpAPIHandler = 0;
     }
-    return out;
 }
 
-// Registers EID in registry slot `slot` with storage-element type `type`.
-inline void register_eid(uint32_t slot, uint8_t eid, uint8_t type)
+// Global slot 5 as slot 4 of bay 1 (region 20 and the NVMe view), and a
+// region-15 FRU directory listing a card entry, a bay record of bay 2 (PCIe
+// slot 6) and two of bay 1 (PCIe slots 3 and 7).
+inline void plant_global_slot_5()
 {
-    ASSERT_EQ(rtcache_SetCachedObject(RTCACHE_KEY_STORAGEEID, 0, slot, &eid), 0u);
-    ASSERT_EQ(rtcache_SetStorageEIDType(eid, type), 0u);
+    vornhost_shm_bytes(20)[15 + 4 * 5] = 4;
+    view()[slot_at(1, 5)] = 1;
+    view()[slot_at(1, 5) + 6] = 4;
+    const uint8_t head[] = {0, 0, 4, 0, 9, 2, 0,    0, 0, 1, 0, 0, 6, 3, 0,    0, 200, 0,
+                            0, 0, 3, 3, 0, 0, 0x2C, 1, 0, 0, 7, 3, 0, 0, 0x2C, 1, 0,   0};
+    uint8_t *dir = vornhost_shm_bytes(15);
+    std::copy(std::begin(head), std::end(head), dir);
+    dir[201] = 2;
+    dir[301] = 1;
 }
 
 // A cache on a private root and the library's NVMe state reset; open() puts a
 // record on the simulated backplane and opens the session over it.
-class ShmTest : public ::testing::Test {
+class ShmTest : public cache::CacheTest {
 protected:
     void SetUp() override
     {
-        vornhost_reset();
-        alloc_reset();
         std::memset(view(), 0, sizeof sNVMeSSDBPInfo);
         std::memset(rtvox::shm::au16DriveState, 0, sizeof rtvox::shm::au16DriveState);
         std::memset(rtvox::shm::au16PendingDriveState, 0, sizeof rtvox::shm::au16PendingDriveState);
-        ASSERT_EQ(rtcache_Init(), 0u);
-        trace_start();
+        CacheTest::SetUp();
     }
     void TearDown() override
     {
         vornhost_fail_clear();
-        vornhost_bp_hotplug_wait(5000);
-        if (bpAPIHandler != 0) {  // no session of this test may call back into the next one
-            VornBpApiCloseExec(bpAPIHandler, "test", "TearDown", 0);
-            bpAPIHandler = 0;
-        }
-        rtcache_Destroy();
+        close_session();
+        CacheTest::TearDown();
     }
     static void open(ApiInfo &record)
     {
@@ -147,8 +199,6 @@ protected:
         ASSERT_EQ(vornhost_bp_hotplug(record.data()), 1);
         ASSERT_EQ(vornhost_bp_hotplug_wait(5000), 0);
     }
-
-    TempRoot root;
 };
 
 }  // namespace rtvox::test::shm

@@ -2,6 +2,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
+#include <numeric>
 #include <unordered_map>
 
 #include "testsupport.h"
@@ -84,12 +85,21 @@ KeptLeak::KeptLeak() = default;
 KeptLeak::~KeptLeak() = default;
 #endif
 
-void alloc_fail(uint32_t skip, uint32_t count)
+// Runs `f` on the hooks under their lock and returns what it returns.
+template <class F>
+auto with_hooks(F f)
 {
     Hooks &h = hooks();
     std::lock_guard guard(h.lock);
-    h.skip = skip;
-    h.fail = count;
+    return f(h);
+}
+
+void alloc_fail(uint32_t skip, uint32_t count)
+{
+    with_hooks([&](Hooks &h) {
+        h.skip = skip;
+        h.fail = count;
+    });
 }
 
 void alloc_fail_clear()
@@ -99,45 +109,34 @@ void alloc_fail_clear()
 
 void alloc_reset()
 {
-    Hooks &h = hooks();
-    std::lock_guard guard(h.lock);
-    h.live.clear();
-    h.calls = 0;
-    h.skip = 0;
-    h.fail = 0;
-    h.total_bytes = 0;
+    with_hooks([](Hooks &h) {
+        h.live.clear();
+        h.calls = h.skip = h.fail = 0;
+        h.total_bytes = 0;
+    });
 }
 
 uint32_t alloc_calls()
 {
-    Hooks &h = hooks();
-    std::lock_guard guard(h.lock);
-    return h.calls;
+    return with_hooks([](Hooks &h) { return h.calls; });
 }
 
 int64_t alloc_live()
 {
-    Hooks &h = hooks();
-    std::lock_guard guard(h.lock);
-    return static_cast<int64_t>(h.live.size());
+    return with_hooks([](Hooks &h) { return static_cast<int64_t>(h.live.size()); });
 }
 
 int64_t alloc_live_bytes()
 {
-    Hooks &h = hooks();
-    std::lock_guard guard(h.lock);
-    int64_t bytes = 0;
-    for (const auto &entry : h.live) {
-        bytes += static_cast<int64_t>(entry.second);
-    }
-    return bytes;
+    return with_hooks([](Hooks &h) {
+        return std::accumulate(h.live.begin(), h.live.end(), int64_t{0},
+                               [](int64_t sum, const auto &entry) { return sum + static_cast<int64_t>(entry.second); });
+    });
 }
 
 uint64_t alloc_total_bytes()
 {
-    Hooks &h = hooks();
-    std::lock_guard guard(h.lock);
-    return h.total_bytes;
+    return with_hooks([](Hooks &h) { return h.total_bytes; });
 }
 
 }  // namespace rtvox::test

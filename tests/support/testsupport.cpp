@@ -1,7 +1,10 @@
 #include "testsupport.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -97,34 +100,18 @@ std::vector<std::string> trace_lines()
 bool trace_has(int level, const std::string &needle)
 {
     const std::string prefix = "L" + std::to_string(level) + " ";
-    for (const auto &line : trace_lines()) {
-        if (line.rfind(prefix, 0) == 0 && line.find(needle) != std::string::npos) {
-            return true;
-        }
-    }
-    return false;
+    return std::ranges::any_of(trace_lines(), [&](const std::string &line) {
+        return line.starts_with(prefix) && line.find(needle) != std::string::npos;
+    });
 }
 
 int trace_count(const std::string &needle)
 {
-    int n = 0;
-    for (const auto &line : trace_lines()) {
-        if (line.find(needle) != std::string::npos) {
-            ++n;
-        }
-    }
-    return n;
+    return static_cast<int>(std::ranges::count_if(
+        trace_lines(), [&](const std::string &line) { return line.find(needle) != std::string::npos; }));
 }
 
-}  // namespace rtvox::test
-
 // ---- concurrency tests ------------------------------------------------------------
-
-#include <unistd.h>
-
-#include <csignal>
-
-namespace rtvox::test {
 
 bool valgrind_run()
 {

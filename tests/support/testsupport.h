@@ -77,10 +77,6 @@ bool trace_has(int level, const std::string &needle);
 // Number of captured lines that contain `needle`, at any level.
 int trace_count(const std::string &needle);
 
-}  // namespace rtvox::test
-
-namespace rtvox::test {
-
 // ---- concurrency tests ------------------------------------------------------------
 
 // True when the test runs under valgrind (RTVOX_UNDER_VALGRIND=1): use smaller counts.
