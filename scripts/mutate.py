@@ -108,6 +108,10 @@ MUTATIONS = [
              "    if (m >= bufSize) {",
              "    if (m > bufSize) {",
              "bound off by one in rt_Buildmsgstring (a name filling the whole buffer accepted)"),
+    Mutation("M17", "src/rt_shm_pcie_slots.cpp",
+             'RT_TRACE(2, "%s s8BayNo=%d %d", "error!!, Not a NVMe Backplane", bay, type);',
+             'RT_TRACE(3, "%s s8BayNo=%d %d", "error!!, Not a NVMe Backplane", bay, type);',
+             "trace level 2 -> 3 for a backplane that is not an NVMe one in the PCIe SSD slot mapping"),
 ]
 
 

@@ -447,6 +447,7 @@ TEST_F(ShmSlots, NvmeViewScansLetTheLastMatchWin)
     uint8_t bay = 0xEE, slot = 0xEE;
     EXPECT_EQ((Codes{RTSHM_readBayIDInfoFromGblSlotNum(&bay, 5), bay}), (Codes{0, 9}));
     EXPECT_EQ(trace_count("error!!, Not a NVMe Backplane s8BayNo=1 2"), 1);
+    EXPECT_TRUE(trace_has(2, "error!!, Not a NVMe Backplane s8BayNo=1 2"));
     EXPECT_EQ((Codes{RTSHM_readBayIDInfoFromGblSlotNum(&bay, 6), RTSHM_readBayIDInfoFromGblSlotNum(&bay, 32),
                      RTSHM_readBayIDInfoFromGblSlotNum(nullptr, 5), bay}),
               (Codes{3, 2, 2, 9}));
