@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "rt_cache_lock.h"
+#include "rt_cache_rows.h"
 #include "rtvox/rt_cache.h"
 #include "rtvox/rt_sync.h"
 #include "trace.h"
@@ -151,6 +152,20 @@ void set_nibble(uint32_t EID, uint8_t value, unsigned shift)
 }
 
 }  // namespace
+
+namespace rtvox::cache {
+
+DiskRow pd_row(uint32_t EID)
+{
+    const int32_t index = GetIndexFromEID(EID);
+    if (EID > RTCACHE_MAX_EID || index < 0 || static_cast<uint32_t>(index) >= max_adapters ||
+        !table_usable(cache_PDs)) {
+        return {};
+    }
+    return {cache_PDs[index], max_physicaldevices};
+}
+
+}  // namespace rtvox::cache
 
 extern "C" {
 

@@ -29,15 +29,14 @@ void release(void *block)
     }
 }
 
-void release_adapter_members(RtAdapter &adapter)
+// The members an adapter record owns besides its head texts. The record is
+// freed right after, so the fields are left as they are.
+void release_adapter_members(const RtAdapter &adapter)
 {
     release(adapter.EXTRA);
-    adapter.EXTRA = nullptr;
     release(adapter.entryArray);
-    adapter.entryArray = nullptr;
-    for (RtAdapterTextSlot &slot : adapter.textSlots) {
+    for (const RtAdapterTextSlot &slot : adapter.textSlots) {
         release(slot.pText);
-        slot.pText = nullptr;
     }
 }
 
@@ -192,35 +191,31 @@ int32_t rtcache_FreeRMObjects(void *pObjects, uint32_t count)
         RT_TRACE(2, "<-- %s objType=%d: not a record run", __func__, static_cast<int32_t>(kNotARecordRun));
         return 2;
     }
+    // Only the owned blocks are freed: the run goes as a whole just after, so
+    // its records' fields are not cleared first (that would only dirty
+    // memory being given back).
     for (uint32_t i = 0; i < count; ++i) {
-        RtRecord &record = records[i];
+        const RtRecord &record = records[i];
         release(record.NAME);
-        record.NAME = nullptr;
         release(record.hdr.FQDD);
-        record.hdr.FQDD = nullptr;
         switch (record.objType) {
             case RTRAID_OBJTYPE_ADAPTER:
-                release_adapter_members(reinterpret_cast<RtAdapter &>(record));
+                release_adapter_members(reinterpret_cast<const RtAdapter &>(record));
                 break;
             case RTRAID_OBJTYPE_ENCLOSURE:
                 RT_TRACE(5, "OBJTYPE is ENCLOSURE");
                 break;
             case RTRAID_OBJTYPE_PHYSICALDISK: {
                 RT_TRACE(5, "OBJTYPE is PHYSICALDISK");
-                auto &disk = reinterpret_cast<RtPhysicalDisk &>(record);
+                const auto &disk = reinterpret_cast<const RtPhysicalDisk &>(record);
                 release(disk.listEntries);
-                disk.listEntries = nullptr;
                 release(disk.keyId);
-                disk.keyId = nullptr;
                 break;
             }
-            case RTRAID_OBJTYPE_LOGICALDISK: {
+            case RTRAID_OBJTYPE_LOGICALDISK:
                 RT_TRACE(5, "OBJTYPE is LOGICALDISK");
-                auto &disk = reinterpret_cast<RtVirtualDisk &>(record);
-                release(disk.targetIDs);
-                disk.targetIDs = nullptr;
+                release(reinterpret_cast<const RtVirtualDisk &>(record).targetIDs);
                 break;
-            }
             default:
                 break;  // battery, driver, enclosure elements: the head texts only
         }

@@ -313,7 +313,7 @@ uint32_t rtcache_GetEnclosureFQDD(uint16_t EID, uint16_t EnclId, wchar_t **ppFQD
         auto *copy = static_cast<wchar_t *>(rtvox_alloc(static_cast<uint32_t>((length + 1) * sizeof(wchar_t))));
         if (copy != nullptr) {
             *ppFQDD = copy;
-            std::swprintf(copy, length + 1, L"%ls", fqdd);
+            std::wmemcpy(copy, fqdd, length + 1);  // the text and its terminator
         }
     }
     RT_TRACE(4, "<--ENCL Position:%d", record->Position);

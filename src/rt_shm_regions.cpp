@@ -23,12 +23,17 @@ namespace {
 
 constexpr const char *kPdThermalDisabledFlag = "/flash/data0/oem_ps/pdthermaldisabled";
 
+// 0xFF over the largest table, built once: every update clears two tables.
+constexpr auto kOnes = [] {
+    std::array<uint8_t, sizeof(sVOXSASSATAInventory)> ones{};
+    ones.fill(0xFF);
+    return ones;
+}();
+
 // Fills `length` bytes of region 3 at `offset` with 0xFF: the write's result.
 int32_t fill_area(uint32_t offset, uint32_t length)
 {
-    std::array<uint8_t, sizeof(sVOXSASSATAInventory)> ones{};  // the largest table
-    ones.fill(0xFF);
-    return Vorn_shm_memwrite(RTSHM_REGION_INVENTORY, ones.data(), offset, length);
+    return Vorn_shm_memwrite(RTSHM_REGION_INVENTORY, kOnes.data(), offset, length);
 }
 
 int32_t fill_controllers_and_drives()
@@ -38,7 +43,7 @@ int32_t fill_controllers_and_drives()
 }
 
 // One line of a table entry in the dump: its format (RT_TRACE_FORMAT), with
-// up to four values read from arrays of `width`-byte little-endian elements.
+// one or four values read from arrays of `width`-byte little-endian elements.
 // The first array starts at `offset`; `step` bytes separate the elements of
 // two entries (0 for a field the table has once) and `next` bytes the arrays
 // of one line.
@@ -47,7 +52,7 @@ struct DumpField {
     size_t offset;
     uint32_t width;
     uint32_t step;
-    uint32_t values = 1;
+    uint32_t values = 1;  // 1, or 4 for the PCI ids line
     uint32_t next = 0;
 };
 
@@ -110,13 +115,16 @@ void dump_table(const Table &table, uint32_t capacity, const char *title, const 
     for (uint32_t i = 0; i < shown; ++i) {
         RT_TRACE_FORMATTED_AS("RTSHM_DumpSharedMem", 6, title, static_cast<int>(i), count);
         for (const DumpField &field : fields) {
-            int values[4] = {};
-            for (uint32_t v = 0; v < field.values; ++v) {
-                values[v] =
-                    static_cast<int>(le_get(image, field.offset + v * field.next + i * field.step, field.width));
+            const size_t at = field.offset + i * field.step;
+            const auto value = [&](uint32_t v) {
+                return static_cast<int>(le_get(image, at + v * field.next, field.width));
+            };
+            // The values are read only for the line that prints them.
+            if (field.values == 1) {
+                RT_TRACE_FORMATTED_AS("RTSHM_DumpSharedMem", 6, field.format, value(0));
+            } else {
+                RT_TRACE_FORMATTED_AS("RTSHM_DumpSharedMem", 6, field.format, value(0), value(1), value(2), value(3));
             }
-            // A format with fewer conversions ignores the values behind them.
-            RT_TRACE_FORMATTED_AS("RTSHM_DumpSharedMem", 6, field.format, values[0], values[1], values[2], values[3]);
         }
     }
 }

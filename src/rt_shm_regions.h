@@ -5,32 +5,44 @@
 // The images are the packed wire layouts of rtvox/rt_shm.h. Their multi-byte
 // fields stand at any byte (the drive table's 32- and 16-bit arrays start at
 // odd offsets), so they are never read or written through a typed pointer:
-// a field is named by its offset in the image, and each element moves byte
-// by byte, least significant first.
+// a field is named by its offset in the image, and each element moves as
+// little-endian bytes (see le_get and le_put).
 #pragma once
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 #include "rtvox/rt_shm.h"
 
 namespace rtvox::shm {
 
 // `width` (at most 8) bytes at `offset` of an image, least significant first.
+// On a little-endian machine (the board and the hosts) the bytes are the
+// value's own: one unaligned copy moves them; elsewhere they move one by one.
 inline uint64_t le_get(const void *image, size_t offset, size_t width)
 {
     const uint8_t *bytes = static_cast<const uint8_t *>(image) + offset;
-    // The widths the tables use, each in straight-line code: the dump reads
-    // thousands of fields per update.
-    switch (width) {
-        case 1:
-            return bytes[0];
-        case 2:
-            return uint64_t{bytes[0]} | uint64_t{bytes[1]} << 8;
-        case 4:
-            return uint64_t{bytes[0]} | uint64_t{bytes[1]} << 8 | uint64_t{bytes[2]} << 16 | uint64_t{bytes[3]} << 24;
-        default:
-            break;
+    if constexpr (std::endian::native == std::endian::little) {
+        // The widths the tables use, each a copy of fixed size: the dump
+        // reads thousands of fields per update.
+        switch (width) {
+            case 1:
+                return bytes[0];
+            case 2: {
+                uint16_t value = 0;
+                std::memcpy(&value, bytes, sizeof value);
+                return value;
+            }
+            case 4: {
+                uint32_t value = 0;
+                std::memcpy(&value, bytes, sizeof value);
+                return value;
+            }
+            default:
+                break;
+        }
     }
     uint64_t value = 0;
     for (size_t i = width; i-- > 0;) {
@@ -42,8 +54,12 @@ inline uint64_t le_get(const void *image, size_t offset, size_t width)
 inline void le_put(void *image, size_t offset, size_t width, uint64_t value)
 {
     uint8_t *bytes = static_cast<uint8_t *>(image) + offset;
-    for (size_t i = 0; i < width; ++i) {
-        bytes[i] = static_cast<uint8_t>(value >> (8 * i));
+    if constexpr (std::endian::native == std::endian::little) {
+        std::memcpy(bytes, &value, width);  // the low `width` bytes, least significant first
+    } else {
+        for (size_t i = 0; i < width; ++i) {
+            bytes[i] = static_cast<uint8_t>(value >> (8 * i));
+        }
     }
 }
 

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <cwchar>
 
+#include "rt_cache_rows.h"
 #include "rt_shm_regions.h"
 #include "rtvox/platform.h"
 #include "rtvox/rt_cache.h"
@@ -82,7 +83,17 @@ private:
         drives_.au8ChassisSlot[k] = inner.u8BayID;
     }
 
+    // The drive or enclosure object `key` of the controller being entered.
+    const RtCachePdNode *pd_object(uint32_t eid, uint32_t key) const
+    {
+        if (row_.slots != nullptr) {
+            return static_cast<const RtCachePdNode *>(row_.at(key));
+        }
+        return pd_node(eid, key);
+    }
+
     bool pollingDisabled_;
+    rtvox::cache::DiskRow row_;  // of the controller being entered: its drives are read without a search each
     uint32_t controllerCount_ = 0;
     uint32_t driveCount_ = 0;
     uint32_t batteryCount_ = 0;
@@ -160,6 +171,7 @@ void Inventory::add_controller(uint32_t eid)
         }
     }
     // At most max_physicaldevices - 1 drive indices per controller, none with a limit of 1.
+    row_ = rtvox::cache::pd_row(eid);
     for (uint32_t key = 0; key + 1 < max_physicaldevices && driveCount_ < RTSHM_MAX_DRIVES; ++key) {
         add_drive(eid, type, key);
     }
@@ -170,7 +182,7 @@ void Inventory::add_controller(uint32_t eid)
 // drive overwrites them.
 void Inventory::add_drive(uint32_t eid, uint8_t type, uint32_t key)
 {
-    const RtCachePdNode *node = pd_node(eid, key);
+    const RtCachePdNode *node = pd_object(eid, key);
     if (node == nullptr) {
         return;
     }
@@ -236,7 +248,7 @@ bool Inventory::place_in_enclosure(uint32_t eid, uint8_t type, const RtPhysicalD
         }
         return true;
     }
-    const RtCachePdNode *enclosure = pd_node(eid, enclId);
+    const RtCachePdNode *enclosure = pd_object(eid, enclId);
     if (enclosure == nullptr) {
         RT_TRACE_AS(kFunction, 2, "Failed to get the enclosure object");
         return description == nullptr || contains(description, L"Integrated");
