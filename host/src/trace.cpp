@@ -72,17 +72,22 @@ void set_level_locked(int32_t override_level)
     s.known.store(true, std::memory_order_release);
 }
 
+// Reads the level from the environment, once.
+[[gnu::noinline]] void read_level_once()
+{
+    std::lock_guard guard(g_switches.lock);
+    if (!g_switches.known.load(std::memory_order_relaxed)) {
+        set_level_locked(-1);
+    }
+}
+
 // The effective level, read from the environment by the first caller.
 int32_t effective_level()
 {
-    Switches &s = g_switches;
-    if (!s.known.load(std::memory_order_acquire)) [[unlikely]] {
-        std::lock_guard guard(s.lock);
-        if (!s.known.load(std::memory_order_relaxed)) {
-            set_level_locked(-1);
-        }
+    if (!g_switches.known.load(std::memory_order_acquire)) [[unlikely]] {
+        read_level_once();
     }
-    return s.level.load(std::memory_order_relaxed);
+    return g_switches.level.load(std::memory_order_relaxed);
 }
 
 // Like every first use of the trace service, the first look at the captured
