@@ -1,46 +1,119 @@
 // Fault injection, call counts and vornhost_reset.
+//
+// Every platform call passes through fault_hit (internal.h), so its common
+// case takes no lock and no locked instruction:
+//  - Call counts live in per-thread counter blocks. A thread gets a block at
+//    its first platform call (under the registry's lock) and is the only
+//    writer of it, so a count is a relaxed load and store. When the thread
+//    exits, its counts are folded into the registry's totals and the block,
+//    zeroed, waits for the next new thread. A count read is the totals plus
+//    every block, less the baseline taken by the last reset (a reset cannot
+//    store into blocks other threads write), all under the registry's lock;
+//    it is exact for calls made before the read from any number of threads,
+//    threads that have exited included. A call made after its thread's
+//    exit began (thread_local destructors, exit handlers) is added to the
+//    totals directly with a locked increment.
+//  - Armed faults: one flag per function says a fault is pending; skip and
+//    fail are only looked at, under the faults' lock, while it is set.
+// Everything here is constant-initialised and trivially destructible, so it
+// is there before the first platform call and still there after exit began.
 #include <array>
 #include <atomic>
+#include <new>
 #include <type_traits>
+#include <utility>
 
 #include "internal.h"
 
 namespace vornhost::detail {
+
+constinit thread_local CallCounters *tl_call_counters = nullptr;
+constinit std::array<std::atomic<bool>, VORNHOST_FUNCTION_COUNT> g_fault_armed{};
+
 namespace {
 
-// Every platform call passes through here, so the common case (nothing armed)
-// is two atomic operations and no lock; skip and fail are only looked at,
-// under the lock, while `armed` says a fault is pending.
-struct FaultSlot {
-    std::atomic<uint32_t> calls{0};
-    std::atomic<bool> armed{false};
-    uint32_t skip = 0;  // guarded by Faults::lock
-    uint32_t fail = 0;  // guarded by Faults::lock
+using Counts = std::array<uint32_t, VORNHOST_FUNCTION_COUNT>;
 
-    // Sets skip and fail; under Faults::lock.
-    void arm(uint32_t skip_calls, uint32_t fail_calls)
+struct Registry {
+    std::mutex lock;
+    CallCounters *blocks = nullptr;  // never freed
+    Counts totals{};                 // calls of exited threads and of threads without a block
+    Counts baseline{};               // the sums at the last reset
+};
+
+constinit Registry g_registry;
+static_assert(std::is_trivially_destructible_v<Registry>);
+
+// Calls of every function since the start: totals plus every block. Under
+// g_registry.lock.
+Counts sums_locked()
+{
+    Counts sums = g_registry.totals;
+    for (const CallCounters *block = g_registry.blocks; block != nullptr; block = block->next) {
+        for (size_t i = 0; i < sums.size(); ++i) {
+            sums[i] += block->calls[i].load(std::memory_order_relaxed);
+        }
+    }
+    return sums;
+}
+
+// Set once this thread's counters have been handed back: calls made later in
+// its exit count straight into the totals.
+constinit thread_local bool tl_exited = false;
+
+// Hands the thread's block back when the thread exits.
+struct BlockReturn {
+    ~BlockReturn()
     {
-        skip = skip_calls;
-        fail = fail_calls;
-        armed.store(fail > 0, std::memory_order_relaxed);
+        CallCounters *block = std::exchange(tl_call_counters, nullptr);
+        tl_exited = true;
+        if (block == nullptr) {
+            return;
+        }
+        std::lock_guard guard(g_registry.lock);
+        for (size_t i = 0; i < block->calls.size(); ++i) {
+            g_registry.totals[i] += block->calls[i].load(std::memory_order_relaxed);
+            block->calls[i].store(0, std::memory_order_relaxed);
+        }
+        block->in_use = false;
     }
 };
 
+// A free block, or a new one; null when none can be had.
+CallCounters *take_block()
+{
+    std::lock_guard guard(g_registry.lock);
+    for (CallCounters *block = g_registry.blocks; block != nullptr; block = block->next) {
+        if (!block->in_use) {
+            block->in_use = true;
+            return block;
+        }
+    }
+    auto *block = new (std::nothrow) CallCounters;
+    if (block != nullptr) {
+        block->in_use = true;
+        block->next = g_registry.blocks;
+        g_registry.blocks = block;
+    }
+    return block;
+}
+
 struct Faults {
     std::mutex lock;
-    std::array<FaultSlot, VORNHOST_FUNCTION_COUNT> slots{};
+    std::array<uint32_t, VORNHOST_FUNCTION_COUNT> skip{};  // guarded by lock
+    std::array<uint32_t, VORNHOST_FUNCTION_COUNT> fail{};  // guarded by lock
+
+    // Sets skip and fail of one function; under lock.
+    void arm(size_t index, uint32_t skip_calls, uint32_t fail_calls)
+    {
+        skip[index] = skip_calls;
+        fail[index] = fail_calls;
+        g_fault_armed[index].store(fail_calls > 0, std::memory_order_relaxed);
+    }
 };
 
-// Constant-initialised and trivially destructible, so it is there before the
-// first platform call and still there after exit has begun, and finding it
-// costs no guard.
 constinit Faults g_faults;
 static_assert(std::is_trivially_destructible_v<Faults>);
-
-Faults &faults()
-{
-    return g_faults;
-}
 
 bool valid(VornHostFunction fn)
 {
@@ -50,24 +123,30 @@ bool valid(VornHostFunction fn)
 
 }  // namespace
 
-bool fault_hit(VornHostFunction fn)
+void count_unregistered(uint32_t index)
 {
-    if (!valid(fn)) {
+    if (!tl_exited) {
+        thread_local BlockReturn block_return;  // hands the block back at thread exit
+        static_cast<void>(block_return);
+        tl_call_counters = take_block();
+        if (tl_call_counters != nullptr) {
+            tl_call_counters->calls[index].store(1, std::memory_order_relaxed);
+            return;
+        }
+    }
+    std::lock_guard guard(g_registry.lock);
+    ++g_registry.totals[index];
+}
+
+bool fault_fires(uint32_t index)
+{
+    std::lock_guard guard(g_faults.lock);
+    if (g_faults.skip[index] > 0) {
+        --g_faults.skip[index];
         return false;
     }
-    Faults &f = faults();
-    FaultSlot &slot = f.slots[static_cast<size_t>(fn)];
-    slot.calls.fetch_add(1, std::memory_order_relaxed);
-    if (!slot.armed.load(std::memory_order_relaxed)) {
-        return false;
-    }
-    std::lock_guard guard(f.lock);
-    if (slot.skip > 0) {
-        --slot.skip;
-        return false;
-    }
-    if (slot.fail > 0) {
-        slot.arm(0, slot.fail - 1);
+    if (g_faults.fail[index] > 0) {
+        g_faults.arm(index, 0, g_faults.fail[index] - 1);
         return true;
     }
     return false;
@@ -75,12 +154,11 @@ bool fault_hit(VornHostFunction fn)
 
 void faults_reset()
 {
-    Faults &f = faults();
-    std::lock_guard guard(f.lock);
-    for (auto &slot : f.slots) {
-        slot.calls.store(0, std::memory_order_relaxed);
-        slot.arm(0, 0);
+    {
+        std::lock_guard guard(g_registry.lock);
+        g_registry.baseline = sums_locked();
     }
+    vornhost_fail_clear();
 }
 
 }  // namespace vornhost::detail
@@ -94,17 +172,15 @@ void vornhost_fail(VornHostFunction fn, uint32_t skip, uint32_t count)
     if (!valid(fn)) {
         return;
     }
-    Faults &f = faults();
-    std::lock_guard guard(f.lock);
-    f.slots[static_cast<size_t>(fn)].arm(skip, count);
+    std::lock_guard guard(g_faults.lock);
+    g_faults.arm(static_cast<size_t>(fn), skip, count);
 }
 
 void vornhost_fail_clear(void)
 {
-    Faults &f = faults();
-    std::lock_guard guard(f.lock);
-    for (auto &slot : f.slots) {
-        slot.arm(0, 0);
+    std::lock_guard guard(g_faults.lock);
+    for (size_t i = 0; i < VORNHOST_FUNCTION_COUNT; ++i) {
+        g_faults.arm(i, 0, 0);
     }
 }
 
@@ -113,7 +189,9 @@ uint32_t vornhost_call_count(VornHostFunction fn)
     if (!valid(fn)) {
         return 0;
     }
-    return faults().slots[static_cast<size_t>(fn)].calls.load(std::memory_order_relaxed);
+    const auto index = static_cast<size_t>(fn);
+    std::lock_guard guard(g_registry.lock);
+    return sums_locked()[index] - g_registry.baseline[index];
 }
 
 void vornhost_reset(void)

@@ -5,6 +5,8 @@
 // callers that free them, malloc.
 #pragma once
 
+#include <array>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -20,8 +22,44 @@
 
 namespace vornhost::detail {
 
+// Call counting and fault injection (faults.cpp). Every platform call counts
+// itself, so the common case is inline: a relaxed load and store of a counter
+// only the calling thread writes, and one relaxed load of the function's
+// armed flag.
+struct CallCounters {
+    std::array<std::atomic<uint32_t>, VORNHOST_FUNCTION_COUNT> calls{};
+    CallCounters *next = nullptr;  // the registry's list; set once, under its lock
+    bool in_use = false;           // guarded by the registry's lock
+};
+
+// The calling thread's counters; null until its first platform call and again
+// once the thread has begun to exit.
+extern constinit thread_local CallCounters *tl_call_counters;
+// Per function: a fault is armed (skip and fail are then looked at under a lock).
+extern constinit std::array<std::atomic<bool>, VORNHOST_FUNCTION_COUNT> g_fault_armed;
+
+// Counts a call of the function at `index` by a thread without counters yet
+// (or one that is exiting).
+void count_unregistered(uint32_t index);
+// Answers whether the armed fault of the function at `index` makes this call fail.
+bool fault_fires(uint32_t index);
+
 // Counts one call of `fn` and answers true when an armed fault makes it fail.
-bool fault_hit(VornHostFunction fn);
+inline bool fault_hit(VornHostFunction fn)
+{
+    const auto index = static_cast<uint32_t>(fn);
+    if (index >= VORNHOST_FUNCTION_COUNT) {
+        return false;
+    }
+    if (CallCounters *counters = tl_call_counters; counters != nullptr) {
+        // Only this thread writes its counter: no locked read-modify-write needed.
+        std::atomic<uint32_t> &calls = counters->calls[index];
+        calls.store(calls.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    } else {
+        count_unregistered(index);
+    }
+    return g_fault_armed[index].load(std::memory_order_relaxed) && fault_fires(index);
+}
 
 // Start-state resets of each part, called by vornhost_reset.
 void faults_reset();

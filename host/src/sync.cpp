@@ -1,8 +1,22 @@
 // SMMutex* and SMEvent* on POSIX threads (see vornhost.h for the semantics).
 //
-// Each object is a std::mutex (the object's own state lock) and a condition
-// variable; a thread blocked on an object holds a table reference to it, which
-// keeps it alive while another thread destroys its handle.
+// Objects live in a fixed table of slots that is never freed, so finding the
+// object of a handle takes no global lock and no reference count: the slot is
+// the handle's low bits, and the slot's own state lock (a std::mutex) is the
+// only lock a call takes. Under it the call checks that the slot still holds
+// that very handle (and the right kind); a destroyed or never-created handle
+// fails that check. Handles still come from one 28-bit counter, skipping
+// values whose slot is taken, so a value is not reused until the counter
+// wraps. At most kSlots objects are live at once; a create past that fails.
+//
+// A thread blocked in Lock or Wait waits on its slot's condition variable.
+// Destroying the object clears the slot's handle and wakes the waiters, which
+// see the handle gone and fail; the slot is only taken again by a create 4096
+// counter values later, and a late waiter still sees a handle that is not
+// its own. Notifications are only sent while someone waits (the waiter count
+// is kept under the state lock), and always under the lock: drd reports
+// signals sent without it.
+#include <array>
 #include <chrono>
 #include <condition_variable>
 #include <string>
@@ -15,14 +29,20 @@ namespace {
 
 enum class Kind { kMutex, kEvent };
 
-struct SyncObject {
-    SyncObject(Kind k, const char *n) : kind(k), name(n == nullptr ? "" : n) {}
+constexpr uint32_t kSlotBits = 12;
+constexpr uint32_t kSlots = 1u << kSlotBits;
+constexpr uint32_t kCounterMask = 0x0FFFFFFFu;
+constexpr uint32_t kKindBits = kSyncHandleKind << 28;
 
-    const Kind kind;
-    const std::string name;
+// One object's place; everything but the lock and the condition variable is
+// guarded by `state`. Aligned so that objects used by different threads do
+// not share a cache line.
+struct alignas(64) Slot {
     std::mutex state;
     std::condition_variable changed;
-    bool destroyed = false;
+    uint32_t handle = 0;  // the live object's handle, 0 when the slot is free
+    Kind kind = Kind::kMutex;
+    std::string name;
     uint32_t waiters = 0;  // threads blocked in Lock / Wait
     // mutex
     bool locked = false;
@@ -33,50 +53,56 @@ struct SyncObject {
     uint64_t generation = 0;  // bumped by every Set of a manual event
 };
 
-using Clock = std::chrono::steady_clock;
-using Lock = std::unique_lock<std::mutex>;
+struct Table {
+    std::mutex lock;  // guards in_use and next: taken by create and destroy only
+    uint32_t next = 0;
+    std::array<bool, kSlots> in_use{};
+    std::array<Slot, kSlots> slots;
+};
 
-HandleTable<SyncObject> &table()
+Table &table()
 {
-    static auto *t = new HandleTable<SyncObject>(kSyncHandleKind);
+    static auto *t = new Table;  // never destroyed: blocked threads may outlive exit
     return *t;
 }
 
-using Ref = HandleTable<SyncObject>::Ref;
+using Clock = std::chrono::steady_clock;
+using Lock = std::unique_lock<std::mutex>;
 
-Ref find(uint32_t h, Kind kind)
+Slot &slot_of(uint32_t h)
 {
-    Ref object = table().find(h);
-    if (!object || object->kind != kind) {
-        return Ref();
-    }
-    return object;
+    return table().slots[h & (kSlots - 1)];
 }
 
-// op(object, lock) for the live object h of `kind`, with `lock` holding its
+bool holds(const Slot &slot, uint32_t h, Kind kind)
+{
+    return slot.handle == h && slot.kind == kind;
+}
+
+// op(slot, lock) for the live object h of `kind`, with `lock` holding its
 // state lock; VORNHOST_E_HANDLE when h is not one or it has been destroyed.
 template <typename Op>
 int32_t on_live(uint32_t h, Kind kind, Op op)
 {
-    const Ref object = find(h, kind);
-    if (!object) {
+    if ((h & ~kCounterMask) != kKindBits) {
         return VORNHOST_E_HANDLE;
     }
-    Lock lock(object->state);
-    if (object->destroyed) {
+    Slot &slot = slot_of(h);
+    Lock lock(slot.state);
+    if (!holds(slot, h, kind)) {
         return VORNHOST_E_HANDLE;
     }
-    return op(*object, lock);
+    return op(slot, lock);
 }
 
-// f(object) for the live object h of `kind` under its state lock; -1 when h
+// f(slot) for the live object h of `kind` under its state lock; -1 when h
 // is not one.
 template <typename F>
 int inspect(uint32_t h, Kind kind, F f)
 {
     int result = -1;
-    on_live(h, kind, [&result, &f](const SyncObject &object, Lock &) {
-        result = f(object);
+    on_live(h, kind, [&result, &f](const Slot &slot, Lock &) {
+        result = f(slot);
         return VORNHOST_OK;
     });
     return result;
@@ -84,30 +110,64 @@ int inspect(uint32_t h, Kind kind, F f)
 
 uint32_t create(Kind kind, const char *name, bool manual, bool initial)
 {
-    try {
-        auto object = std::make_unique<SyncObject>(kind, name);
-        object->manual = manual;
-        object->signalled = initial;
-        return table().add(std::move(object));
-    } catch (...) {
+    Table &t = table();
+    uint32_t h = 0;
+    {
+        std::lock_guard guard(t.lock);
+        // kSlots consecutive counter values name every slot once.
+        for (uint32_t tries = 0; tries < kSlots && h == 0; ++tries) {
+            t.next = t.next >= kCounterMask ? 1 : t.next + 1;
+            bool &in_use = t.in_use[t.next & (kSlots - 1)];
+            if (!in_use) {
+                in_use = true;
+                h = kKindBits | t.next;
+            }
+        }
+    }
+    if (h == 0) {
         return 0;
     }
+    Slot &slot = slot_of(h);
+    std::lock_guard guard(slot.state);
+    try {
+        slot.name = name == nullptr ? "" : name;
+    } catch (...) {
+        std::lock_guard table_guard(t.lock);
+        t.in_use[h & (kSlots - 1)] = false;
+        return 0;
+    }
+    slot.kind = kind;
+    slot.locked = false;
+    slot.owner = std::thread::id();
+    slot.manual = manual;
+    slot.signalled = initial;
+    slot.handle = h;
+    return h;
 }
 
 int32_t destroy(uint32_t h, Kind kind)
 {
-    if (!find(h, kind)) {
-        return VORNHOST_E_HANDLE;
+    const int32_t rc = on_live(h, kind, [](Slot &slot, Lock &) {
+        slot.handle = 0;
+        if (slot.waiters > 0) {
+            slot.changed.notify_all();
+        }
+        return VORNHOST_OK;
+    });
+    if (rc == VORNHOST_OK) {
+        Table &t = table();
+        std::lock_guard guard(t.lock);
+        t.in_use[h & (kSlots - 1)] = false;
     }
-    const Ref object = table().remove(h);
-    if (!object) {  // destroyed by another thread meanwhile
-        return VORNHOST_E_HANDLE;
+    return rc;
+}
+
+// Wakes one waiter of `slot`, if any; under its state lock.
+void wake_one(Slot &slot)
+{
+    if (slot.waiters > 0) {
+        slot.changed.notify_one();
     }
-    // Notified under the lock: drd reports signals sent without it.
-    std::lock_guard guard(object->state);
-    object->destroyed = true;
-    object->changed.notify_all();
-    return VORNHOST_OK;
 }
 
 bool valid_timeout(int32_t timeout)
@@ -115,12 +175,12 @@ bool valid_timeout(int32_t timeout)
     return timeout >= -1;
 }
 
-// Waits on `object` until ready() or the timeout (0: no wait at all);
-// `lock` holds object->state. VORNHOST_OK when ready() holds,
+// Waits on `slot`, which holds h, until ready() or the timeout (0: no wait
+// at all); `lock` holds slot.state. VORNHOST_OK when ready() holds,
 // VORNHOST_E_HANDLE when the object was destroyed meanwhile, else
 // VORNHOST_E_TIMEOUT.
 template <typename Ready>
-int32_t wait_for(Lock &lock, SyncObject &object, int32_t timeout, Ready ready)
+int32_t wait_for(Lock &lock, Slot &slot, uint32_t h, int32_t timeout, Ready ready)
 {
     if (ready()) {
         return VORNHOST_OK;
@@ -128,19 +188,30 @@ int32_t wait_for(Lock &lock, SyncObject &object, int32_t timeout, Ready ready)
     if (timeout == 0) {
         return VORNHOST_E_TIMEOUT;
     }
-    const auto done = [&object, &ready] { return object.destroyed || ready(); };
-    ++object.waiters;
+    const auto done = [&slot, h, &ready] { return slot.handle != h || ready(); };
+    ++slot.waiters;
     bool result = true;
     if (timeout < 0) {
-        object.changed.wait(lock, done);
+        slot.changed.wait(lock, done);
     } else {
-        result = object.changed.wait_until(lock, Clock::now() + std::chrono::milliseconds(timeout), done);
+        result = slot.changed.wait_until(lock, Clock::now() + std::chrono::milliseconds(timeout), done);
     }
-    --object.waiters;
-    if (object.destroyed) {
+    --slot.waiters;
+    if (slot.handle != h) {
         return VORNHOST_E_HANDLE;
     }
     return result ? VORNHOST_OK : VORNHOST_E_TIMEOUT;
+}
+
+// Live objects of `kind`.
+uint32_t live_count(Kind kind)
+{
+    uint32_t n = 0;
+    for (Slot &slot : table().slots) {
+        std::lock_guard guard(slot.state);
+        n += slot.handle != 0 && slot.kind == kind ? 1 : 0;
+    }
+    return n;
 }
 
 }  // namespace
@@ -166,12 +237,12 @@ int32_t SMMutexLock(uint32_t h, int32_t timeout)
     if (!valid_timeout(timeout)) {
         return VORNHOST_E_ARG;
     }
-    return on_live(h, Kind::kMutex, [timeout](SyncObject &o, Lock &lock) {
+    return on_live(h, Kind::kMutex, [h, timeout](Slot &o, Lock &lock) {
         const std::thread::id self = std::this_thread::get_id();
         if (o.locked && o.owner == self) {
             return VORNHOST_E_DEADLOCK;
         }
-        const int32_t rc = wait_for(lock, o, timeout, [&o] { return !o.locked; });
+        const int32_t rc = wait_for(lock, o, h, timeout, [&o] { return !o.locked; });
         if (rc == VORNHOST_OK) {
             o.locked = true;
             o.owner = self;
@@ -185,13 +256,13 @@ int32_t SMMutexUnLock(uint32_t h)
     if (fault_hit(VORNHOST_SMMutexUnLock)) {
         return VORNHOST_E_INJECTED;
     }
-    return on_live(h, Kind::kMutex, [](SyncObject &o, Lock &) {
+    return on_live(h, Kind::kMutex, [](Slot &o, Lock &) {
         if (!o.locked || o.owner != std::this_thread::get_id()) {
             return VORNHOST_E_NOT_OWNER;
         }
         o.locked = false;
         o.owner = std::thread::id();
-        o.changed.notify_one();
+        wake_one(o);
         return VORNHOST_OK;
     });
 }
@@ -217,13 +288,15 @@ int32_t SMEventSet(uint32_t h)
     if (fault_hit(VORNHOST_SMEventSet)) {
         return VORNHOST_E_INJECTED;
     }
-    return on_live(h, Kind::kEvent, [](SyncObject &o, Lock &) {
+    return on_live(h, Kind::kEvent, [](Slot &o, Lock &) {
         o.signalled = true;
-        if (o.manual) {
-            ++o.generation;
+        if (!o.manual) {
+            wake_one(o);
+            return VORNHOST_OK;
+        }
+        ++o.generation;
+        if (o.waiters > 0) {
             o.changed.notify_all();
-        } else {
-            o.changed.notify_one();
         }
         return VORNHOST_OK;
     });
@@ -234,7 +307,7 @@ int32_t SMEventReset(uint32_t h)
     if (fault_hit(VORNHOST_SMEventReset)) {
         return VORNHOST_E_INJECTED;
     }
-    return on_live(h, Kind::kEvent, [](SyncObject &o, Lock &) {
+    return on_live(h, Kind::kEvent, [](Slot &o, Lock &) {
         o.signalled = false;
         return VORNHOST_OK;
     });
@@ -248,12 +321,12 @@ int32_t SMEventWait(uint32_t h, int32_t timeout)
     if (!valid_timeout(timeout)) {
         return VORNHOST_E_ARG;
     }
-    return on_live(h, Kind::kEvent, [timeout](SyncObject &o, Lock &lock) {
+    return on_live(h, Kind::kEvent, [h, timeout](Slot &o, Lock &lock) {
         // A manual event releases everyone waiting at the time of a Set, even
         // when a Reset follows before this thread runs again.
         const uint64_t start = o.generation;
         const int32_t rc =
-            wait_for(lock, o, timeout, [&o, start] { return o.signalled || (o.manual && o.generation != start); });
+            wait_for(lock, o, h, timeout, [&o, start] { return o.signalled || (o.manual && o.generation != start); });
         if (rc == VORNHOST_OK && !o.manual) {
             o.signalled = false;  // an automatic event is consumed by the wait it releases
         }
@@ -271,36 +344,32 @@ int32_t SMEventDestroy(uint32_t h)
 
 uint32_t vornhost_mutex_live_count(void)
 {
-    uint32_t n = 0;
-    table().for_each([&n](uint32_t, const SyncObject &o) { n += o.kind == Kind::kMutex ? 1 : 0; });
-    return n;
+    return live_count(Kind::kMutex);
 }
 
 uint32_t vornhost_event_live_count(void)
 {
-    uint32_t n = 0;
-    table().for_each([&n](uint32_t, const SyncObject &o) { n += o.kind == Kind::kEvent ? 1 : 0; });
-    return n;
+    return live_count(Kind::kEvent);
 }
 
 int vornhost_mutex_state(uint32_t h)
 {
-    return inspect(h, Kind::kMutex, [](const SyncObject &o) { return o.locked ? 1 : 0; });
+    return inspect(h, Kind::kMutex, [](const Slot &o) { return o.locked ? 1 : 0; });
 }
 
 int vornhost_mutex_waiters(uint32_t h)
 {
-    return inspect(h, Kind::kMutex, [](const SyncObject &o) { return static_cast<int>(o.waiters); });
+    return inspect(h, Kind::kMutex, [](const Slot &o) { return static_cast<int>(o.waiters); });
 }
 
 int vornhost_event_waiters(uint32_t h)
 {
-    return inspect(h, Kind::kEvent, [](const SyncObject &o) { return static_cast<int>(o.waiters); });
+    return inspect(h, Kind::kEvent, [](const Slot &o) { return static_cast<int>(o.waiters); });
 }
 
 int vornhost_event_state(uint32_t h)
 {
-    return inspect(h, Kind::kEvent, [](const SyncObject &o) { return o.signalled ? 1 : 0; });
+    return inspect(h, Kind::kEvent, [](const Slot &o) { return o.signalled ? 1 : 0; });
 }
 
 }  // extern "C"

@@ -1,10 +1,13 @@
 // vornprintf: level filter, output to stderr or VORN_TRACE_FILE, capture.
 //
 // Most lines the library emits are neither written out nor captured, so that
-// case is decided first from two atomics and costs no formatting and no lock:
-// the effective level is cached (VORN_TRACE_LEVEL is read when the state is
-// first used and again whenever the override is set or dropped), and the
-// capture switch is a flag of its own. A line that is kept is formatted once.
+// case is decided first and costs no formatting, no lock and no locked
+// instruction: the call count is per thread (faults.cpp), and the effective
+// level and the capture switch are constant-initialised atomics read relaxed,
+// with no static-initialisation guard on the way. The level is read from
+// VORN_TRACE_LEVEL at the first line (under the state's lock) and again
+// whenever the override is set or dropped. A line that is kept is formatted
+// once.
 #include <stdio.h>
 #include <string.h>
 #include <unistd.h>
@@ -16,6 +19,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <type_traits>
 
 #include "internal.h"
 
@@ -45,33 +49,69 @@ int32_t env_level()
     return static_cast<int32_t>(parsed);
 }
 
-struct TraceState {
-    std::mutex lock;                          // serialises output and changes of the level
-    int32_t override_level = -1;              // guarded by lock
-    std::atomic<int32_t> level{env_level()};  // the override, else the environment's
+// What every line looks at first. Constant-initialised and trivially
+// destructible: no guard to pass, and still there after exit has begun.
+struct Switches {
+    std::mutex lock;                 // serialises output and changes of the level
+    int32_t override_level = -1;     // guarded by lock
+    std::atomic<bool> known{false};  // level has been set (release, under lock)
+    std::atomic<int32_t> level{0};   // the override, else the environment's
     std::atomic<bool> capture{false};
-    Journal<Line> lines;  // entries never move, so text pointers stay valid
 };
 
-TraceState &state()
-{
-    static auto *s = new TraceState;  // never destroyed: traces may come during exit
-    return *s;
-}
+constinit Switches g_switches;
+static_assert(std::is_trivially_destructible_v<Switches>);
 
 // Sets the override (negative: none) and the effective level with it; the
-// environment is read again when there is no override. Under s.lock.
-void set_level_locked(TraceState &s, int32_t override_level)
+// environment is read again when there is no override. Under g_switches.lock.
+void set_level_locked(int32_t override_level)
 {
+    Switches &s = g_switches;
     s.override_level = override_level < 0 ? -1 : override_level;
     s.level.store(s.override_level >= 0 ? s.override_level : env_level(), std::memory_order_relaxed);
+    s.known.store(true, std::memory_order_release);
+}
+
+// Reads the level from the environment, once.
+[[gnu::noinline]] void read_level_once()
+{
+    std::lock_guard guard(g_switches.lock);
+    if (!g_switches.known.load(std::memory_order_relaxed)) {
+        set_level_locked(-1);
+    }
+}
+
+// The effective level, read from the environment by the first caller.
+int32_t effective_level()
+{
+    if (!g_switches.known.load(std::memory_order_acquire)) [[unlikely]] {
+        read_level_once();
+    }
+    return g_switches.level.load(std::memory_order_relaxed);
+}
+
+// Like every first use of the trace service, the first look at the captured
+// lines reads the level.
+Journal<Line> *new_journal()
+{
+    static_cast<void>(effective_level());
+    return new Journal<Line>;
+}
+
+// The captured lines; entries never move, so text pointers stay valid.
+Journal<Line> &lines()
+{
+    static auto *j = new_journal();  // never destroyed: traces may come during exit
+    return *j;
 }
 
 // What a dropped line answers without being formatted: a format without a
 // conversion is its own text, so its length; 0 otherwise.
 int32_t unformatted_length(const char *format)
 {
-    // The library's lines start with a conversion: this usually stops at once.
+    if (format[0] == '%') {  // how the library's lines start
+        return 0;
+    }
     const char *stop = strchrnul(format, '%');
     return *stop == '\0' ? static_cast<int32_t>(stop - format) : 0;
 }
@@ -80,11 +120,10 @@ int32_t unformatted_length(const char *format)
 
 void trace_reset()
 {
-    TraceState &s = state();
-    std::lock_guard guard(s.lock);
-    s.capture.store(false, std::memory_order_relaxed);
-    s.lines.clear();
-    set_level_locked(s, -1);
+    lines().clear();
+    std::lock_guard guard(g_switches.lock);
+    g_switches.capture.store(false, std::memory_order_relaxed);
+    set_level_locked(-1);
 }
 
 }  // namespace vornhost::detail
@@ -98,9 +137,8 @@ int32_t vornprintf(int32_t level, int32_t category, const char *format, ...)
     if (fault_hit(VORNHOST_vornprintf) || format == nullptr) {
         return -1;
     }
-    TraceState &s = state();
-    const bool print = level <= s.level.load(std::memory_order_relaxed);
-    const bool keep = s.capture.load(std::memory_order_relaxed);
+    const bool print = level <= effective_level();
+    const bool keep = g_switches.capture.load(std::memory_order_relaxed);
     if (!print && !keep) {
         return unformatted_length(format);
     }
@@ -121,13 +159,13 @@ int32_t vornprintf(int32_t level, int32_t category, const char *format, ...)
             if (line.back() != '\n') {
                 line.push_back('\n');
             }
-            std::lock_guard guard(s.lock);
+            std::lock_guard guard(g_switches.lock);
             if (!append_to_env_file("VORN_TRACE_FILE", line)) {
                 write_all(STDERR_FILENO, line);
             }
         }
         if (keep) {
-            s.lines.add(Line{level, category, std::move(text)});
+            lines().add(Line{level, category, std::move(text)});
         }
         return length;
     } catch (...) {
@@ -138,22 +176,23 @@ int32_t vornprintf(int32_t level, int32_t category, const char *format, ...)
 
 void vornhost_trace_capture(int enable)
 {
-    state().capture.store(enable != 0, std::memory_order_relaxed);
+    static_cast<void>(lines());
+    g_switches.capture.store(enable != 0, std::memory_order_relaxed);
 }
 
 void vornhost_trace_clear(void)
 {
-    state().lines.clear();
+    lines().clear();
 }
 
 uint32_t vornhost_trace_count(void)
 {
-    return state().lines.count();
+    return lines().count();
 }
 
 int vornhost_trace_get(uint32_t index, VornHostTraceLine *out)
 {
-    return state().lines.get(index, out, [](const Line &line, VornHostTraceLine &o) {
+    return lines().get(index, out, [](const Line &line, VornHostTraceLine &o) {
         o.level = line.level;
         o.category = line.category;
         o.text = line.text.c_str();
@@ -162,14 +201,13 @@ int vornhost_trace_get(uint32_t index, VornHostTraceLine *out)
 
 void vornhost_trace_set_level(int32_t level)
 {
-    TraceState &s = state();
-    std::lock_guard guard(s.lock);
-    set_level_locked(s, level);
+    std::lock_guard guard(g_switches.lock);
+    set_level_locked(level);
 }
 
 int32_t vornhost_trace_effective_level(void)
 {
-    return state().level.load(std::memory_order_relaxed);
+    return effective_level();
 }
 
 }  // extern "C"

@@ -70,6 +70,8 @@ void vornhost_reset(void);
 /* ---- Synchronisation (SMMutex*, SMEvent*) ---------------------------------
  *
  * Built on POSIX threads (a std::mutex and a condition variable per object).
+ * At most 4096 mutexes and events are live at once; a create past that
+ * answers 0.
  *
  * Mutex: never recursive, error-checking.
  *  - SMMutexCreate(name): a new unlocked mutex; name may be NULL (it is only
