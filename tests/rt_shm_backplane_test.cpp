@@ -223,6 +223,7 @@ TEST_F(ShmHotPlugConcurrency, ServiceReadsStatesWhileHotPlugChangesThem)
                 ++bad;
             }
             ++reads;
+            std::this_thread::yield();  // drd runs one thread at a time: let the hot-plug thread in
         }
     });
     for (int i = 0; i < rounds; ++i) {
