@@ -26,6 +26,9 @@
 #include <string>
 #include <vector>
 
+#include "rtvox/platform.h"
+#include "rtvox/rt_cache.h"
+
 namespace rtvox::bench {
 
 // What a comparison holds the library's figure against, which also names its
@@ -167,6 +170,15 @@ uint32_t count_trace_calls(Work &&work);
 void heap_count_start();
 void heap_count_stop();
 size_t heap_peak();
+
+// work() under the cache lock, taken and given back as the service does.
+template <typename Work>
+void under_cache_lock(Work &&work)
+{
+    rtcache_GetLock();
+    work();
+    SMMutexUnLock(mutexRtCache);
+}
 
 // 1e9 / rate: nanoseconds per operation (0 for a rate of 0).
 inline double ns_per(double rate)

@@ -43,6 +43,7 @@ using Clock = std::chrono::steady_clock;
 using rtvox::bench::Bench;
 using rtvox::bench::controller_eid;
 using rtvox::bench::ns_per;
+using rtvox::bench::under_cache_lock;
 
 constexpr uint32_t kControllers = 30;
 constexpr uint32_t kPlain = RTCACHE_EVENTCACHE_DEPTH;
@@ -66,16 +67,14 @@ public:
 
     void record_plain(uint32_t controller, uint32_t key)
     {
-        rtcache_GetLock();
-        rtcache_SetCachedEvent(controller_eid(controller), 1, 9, key);
-        SMMutexUnLock(mutexRtCache);
+        under_cache_lock([=] { rtcache_SetCachedEvent(controller_eid(controller), 1, 9, key); });
     }
     void record_change(uint32_t controller, uint32_t disk, void *record)
     {
-        rtcache_GetLock();
-        rtcache_SetCachedEvent_roll_up(controller_eid(controller), PHYSICALDISK, RAID_MGMT_EVENT_CHANGE_OBJECT, disk,
-                                       record);
-        SMMutexUnLock(mutexRtCache);
+        under_cache_lock([=] {
+            rtcache_SetCachedEvent_roll_up(controller_eid(controller), PHYSICALDISK, RAID_MGMT_EVENT_CHANGE_OBJECT,
+                                           disk, record);
+        });
     }
     void fetch(uint32_t controller, RtCacheEventBlock **events, RtCachePdChObjBlock **chObj)
     {

@@ -276,11 +276,7 @@ RTVOX_BENCH(shm_update)
         rtcache_Destroy();
         return;
     }
-    auto update = [] {
-        rtcache_GetLock();
-        RTSHM_UpdateSharedMem();
-        SMMutexUnLock(mutexRtCache);
-    };
+    auto update = [] { rtvox::bench::under_cache_lock(RTSHM_UpdateSharedMem); };
     // The three calls the update makes, alone; the dump reads the tables the
     // update before it (or the floor, with the same counts) left in region 3.
     auto dump = [] { RTSHM_DumpSharedMem(); };
@@ -291,11 +287,7 @@ RTVOX_BENCH(shm_update)
     auto clear = [] { RTSHM_InitPartialSharedMem(); };
     const Flat flat = flat_values();
     auto floor = [&flat] { floor_pass(flat); };
-    auto cache_floor = [] {
-        rtcache_GetLock();
-        cache_floor_pass();
-        SMMutexUnLock(mutexRtCache);
-    };
+    auto cache_floor = [] { rtvox::bench::under_cache_lock(cache_floor_pass); };
     // By turns in the same rounds, so that every figure meets the same machine.
     double updates = 0;
     double floors = 0;
